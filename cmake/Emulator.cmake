@@ -1,0 +1,20 @@
+# Decides how 32-bit programs run on this machine: natively when the kernel
+# runs them, otherwise through qemu-i386. QMHEAP_FORCE_QEMU keeps the qemu
+# path tested on machines that do run them natively.
+option(QMHEAP_FORCE_QEMU "Run i386 programs through qemu-i386 even where the kernel runs them" OFF)
+set(QMHEAP_EMULATOR "")
+set(QMHEAP_NATIVE_EXEC 1)
+if(QMHEAP_ARCH STREQUAL "i386")
+  set(_probe_src "${CMAKE_BINARY_DIR}/probe32.c")
+  file(WRITE "${_probe_src}" "int main(void) { return sizeof(void*) == 4 ? 0 : 1; }\n")
+  try_run(_probe_run _probe_compile "${CMAKE_BINARY_DIR}/probe32" "${_probe_src}")
+  if(QMHEAP_FORCE_QEMU OR NOT _probe_compile OR NOT _probe_run EQUAL 0)
+    find_program(QEMU_I386 qemu-i386 REQUIRED)
+    set(QMHEAP_EMULATOR "${QEMU_I386};-L;/")
+    set(QMHEAP_NATIVE_EXEC 0)
+    set(CMAKE_CROSSCOMPILING_EMULATOR "${QMHEAP_EMULATOR}")
+    message(STATUS "i386 programs run through ${QEMU_I386}")
+  else()
+    message(STATUS "i386 programs run natively")
+  endif()
+endif()

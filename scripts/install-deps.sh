@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Installs, with apt-get, only the packages that are missing. Idempotent.
+set -eu
+pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file"
+missing=""
+for p in $pkgs; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
+done
+[ -z "$missing" ] && exit 0
+echo "install-deps: installing$missing"
+SUDO=""
+[ "$(id -u)" -ne 0 ] && SUDO="sudo"
+$SUDO apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq $missing >/dev/null

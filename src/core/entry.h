@@ -1,0 +1,35 @@
+// Per-call records of the entry protocol, and the pieces of it that start-up
+// shares with the interposers.
+#pragma once
+#include "core/owners.h"
+#include "qmheap/heap_types.h"
+
+extern "C" {
+
+typedef struct reentry_info_t {
+  int allow_reentry;
+  int want_cleanup_handler;
+} reentry_info_t;
+
+typedef struct caller_state_info_t {
+  int is_multi_threaded;
+  int old_cancelstate;
+} caller_state_info_t;
+
+typedef struct op_body_arg_t {
+  QM_HEAP_heap_op_e op;
+  owner_t* owner;
+  reentry_info_t* rp;
+  int num_times_entered;
+  caller_state_info_t caller_info;
+} op_body_arg_t;
+
+// First entry: local gets allow_reentry 0 and wants a cancellation clean-up
+// once the load hook has completed; nested entry: local copies the outermost
+// call's record (to which op_arg->rp then points).
+void setup_reentry_info(op_body_arg_t* op_arg, reentry_info_t* local);
+void interposer_entry_setup_caller_state(caller_state_info_t* caller);
+// Restores the cancellation state and leaves the agent: exactly once per
+// outermost call, also when a cancellation unwinds through it.
+void interposer_finish_cleanup_handler(void* caller);
+}

@@ -1,0 +1,202 @@
+// The exported heap functions and their interposers: the agent's outer skin.
+//
+// Kept in a translation unit of its own so that the rest of the agent can be
+// linked into an ordinary test program without replacing its heap.
+#include <malloc.h>
+#include <stdlib.h>
+
+#include "base/export.h"
+#include "core/binding.h"
+#include "core/entry.h"
+#include "core/owners.h"
+#include "threads/reentrancy.h"
+
+extern "C" {
+QM_EXPORT void* QM_HEAP_malloc_interposer(size_t len);
+QM_EXPORT void QM_HEAP_free_interposer(void* p);
+QM_EXPORT void* QM_HEAP_realloc_interposer(void* old_addr, size_t len);
+QM_EXPORT void* QM_HEAP_calloc_interposer(size_t nelems, size_t sizeof_elem);
+QM_EXPORT void* QM_HEAP_memalign_interposer(size_t alignment, size_t len);
+QM_EXPORT int QM_HEAP_posix_memalign_interposer(void** memptr, size_t alignment, size_t size);
+QM_EXPORT void* QM_HEAP_valloc_interposer(size_t len);
+}
+
+namespace {
+
+// A heap call that arrives before the load hook (from another library's
+// constructor, say) initialises the agent itself.
+inline void check_interposers_initialized(const char* /*op*/) {
+  if (QM_UNLIKELY(!malloc_interposers_initialized)) do_initialization();
+}
+
+// The bodies: the allocator in charge serves the request.
+void* malloc_body(op_body_arg_t* a, size_t len) {
+  allocator_t* al = qm::owner_allocator(a->owner);
+  return al->funcs->malloc(al, a->owner, len);
+}
+void free_body(op_body_arg_t* a, void* p) {
+  allocator_t* al = qm::owner_allocator(a->owner);
+  al->funcs->free(al, a->owner, p);
+}
+void* realloc_body(op_body_arg_t* a, void* p, size_t len) {
+  allocator_t* al = qm::owner_allocator(a->owner);
+  return al->funcs->realloc(al, a->owner, p, len);
+}
+void* calloc_body(op_body_arg_t* a, size_t n, size_t s) {
+  allocator_t* al = qm::owner_allocator(a->owner);
+  return al->funcs->calloc(al, a->owner, n, s);
+}
+void* memalign_body(op_body_arg_t* a, size_t b, size_t len) {
+  allocator_t* al = qm::owner_allocator(a->owner);
+  return al->funcs->memalign(al, a->owner, b, len);
+}
+int posix_memalign_body(op_body_arg_t* a, void** p, size_t al_, size_t len) {
+  allocator_t* al = qm::owner_allocator(a->owner);
+  return al->funcs->posix_memalign(al, a->owner, p, al_, len);
+}
+void* valloc_body(op_body_arg_t* a, size_t len) {
+  allocator_t* al = qm::owner_allocator(a->owner);
+  return al->funcs->valloc(al, a->owner, len);
+}
+
+// The entry protocol shared by all seven interposers. body runs the operation
+// with bookkeeping; direct serves a nested call straight from the allocator.
+template <typename Body, typename Direct>
+inline auto enter(QM_HEAP_heap_op_e op, const char* name, Body body, Direct direct) {
+  check_interposers_initialized(name);
+  owner_t* owner = qm::as_owner(QM_HEAP_c_owner_get_instance());
+  reentry_info_t local;
+  op_body_arg_t a;
+  a.op = op;
+  a.owner = owner;
+  a.rp = &local;
+  a.num_times_entered = QM_enter_ia(reinterpret_cast<void**>(&a.rp));
+  setup_reentry_info(&a, &local);
+  if (QM_LIKELY(a.num_times_entered == 1)) {
+    c_owner_t* c = reinterpret_cast<c_owner_t*>(owner);
+    c->funcs->start_op(c);
+    interposer_entry_setup_caller_state(&a.caller_info);
+    auto r = body(&a);
+    interposer_finish_cleanup_handler(&a.caller_info);
+    c->funcs->finish_op(c);
+    return r;
+  }
+  if (a.rp->allow_reentry) {
+    auto r = body(&a);
+    QM_leave_ia();
+    return r;
+  }
+  // A call from inside the agent (or from the real allocator): no bookkeeping.
+  allocator_t* al = qm::owner_allocator(owner);
+  QM_leave_ia();
+  return direct(al, owner);
+}
+
+struct Void {};
+
+}  // namespace
+
+extern "C" {
+
+void* QM_HEAP_malloc_interposer(size_t len) {
+  return enter(qm_heap_op_malloc, "malloc", [&](op_body_arg_t* a) { return malloc_body(a, len); },
+               [&](allocator_t* al, owner_t* o) { return al->funcs->malloc(al, o, len); });
+}
+
+void QM_HEAP_free_interposer(void* p) {
+  enter(qm_heap_op_free, "free",
+        [&](op_body_arg_t* a) {
+          free_body(a, p);
+          return Void{};
+        },
+        [&](allocator_t* al, owner_t* o) {
+          al->funcs->free(al, o, p);
+          return Void{};
+        });
+}
+
+void* QM_HEAP_realloc_interposer(void* old_addr, size_t len) {
+  return enter(qm_heap_op_realloc, "realloc",
+               [&](op_body_arg_t* a) { return realloc_body(a, old_addr, len); },
+               [&](allocator_t* al, owner_t* o) { return al->funcs->realloc(al, o, old_addr, len); });
+}
+
+void* QM_HEAP_calloc_interposer(size_t nelems, size_t sizeof_elem) {
+  return enter(qm_heap_op_calloc, "calloc",
+               [&](op_body_arg_t* a) { return calloc_body(a, nelems, sizeof_elem); },
+               [&](allocator_t* al, owner_t* o) { return al->funcs->calloc(al, o, nelems, sizeof_elem); });
+}
+
+void* QM_HEAP_memalign_interposer(size_t alignment, size_t len) {
+  return enter(qm_heap_op_memalign, "memalign",
+               [&](op_body_arg_t* a) { return memalign_body(a, alignment, len); },
+               [&](allocator_t* al, owner_t* o) { return al->funcs->memalign(al, o, alignment, len); });
+}
+
+int QM_HEAP_posix_memalign_interposer(void** memptr, size_t alignment, size_t size) {
+  return enter(qm_heap_op_posix_memalign, "posix_memalign",
+               [&](op_body_arg_t* a) { return posix_memalign_body(a, memptr, alignment, size); },
+               [&](allocator_t* al, owner_t* o) {
+                 return al->funcs->posix_memalign(al, o, memptr, alignment, size);
+               });
+}
+
+void* QM_HEAP_valloc_interposer(size_t len) {
+  return enter(qm_heap_op_valloc, "valloc", [&](op_body_arg_t* a) { return valloc_body(a, len); },
+               [&](allocator_t* al, owner_t* o) { return al->funcs->valloc(al, o, len); });
+}
+
+// The exported functions: bind on first use; a call made while binding is
+// under way fails (null, EINVAL, or nothing for free). The interposer is
+// reached through the dynamic symbol, so an earlier object may preempt it.
+QM_EXPORT void* malloc(size_t size) noexcept {
+  if (QM_UNLIKELY(QM_HEAP_org_malloc == nullptr) &&
+      !init_malloc_wrappers_and_assert_function_was_found("malloc", reinterpret_cast<void**>(&QM_HEAP_org_malloc)))
+    return nullptr;
+  return QM_HEAP_malloc_interposer(size);
+}
+
+QM_EXPORT void free(void* p) noexcept {
+  if (QM_UNLIKELY(QM_HEAP_org_free == nullptr) &&
+      !init_malloc_wrappers_and_assert_function_was_found("free", reinterpret_cast<void**>(&QM_HEAP_org_free)))
+    return;
+  QM_HEAP_free_interposer(p);
+}
+
+QM_EXPORT void* realloc(void* p, size_t size) noexcept {
+  if (QM_UNLIKELY(QM_HEAP_org_realloc == nullptr) &&
+      !init_malloc_wrappers_and_assert_function_was_found("realloc", reinterpret_cast<void**>(&QM_HEAP_org_realloc)))
+    return nullptr;
+  return QM_HEAP_realloc_interposer(p, size);
+}
+
+QM_EXPORT void* calloc(size_t n, size_t size) noexcept {
+  if (QM_UNLIKELY(QM_HEAP_org_calloc == nullptr) &&
+      !init_malloc_wrappers_and_assert_function_was_found("calloc", reinterpret_cast<void**>(&QM_HEAP_org_calloc)))
+    return nullptr;
+  return QM_HEAP_calloc_interposer(n, size);
+}
+
+QM_EXPORT void* memalign(size_t alignment, size_t size) noexcept {
+  if (QM_UNLIKELY(QM_HEAP_org_memalign == nullptr) &&
+      !init_malloc_wrappers_and_assert_function_was_found("memalign", reinterpret_cast<void**>(&QM_HEAP_org_memalign)))
+    return nullptr;
+  return QM_HEAP_memalign_interposer(alignment, size);
+}
+
+QM_EXPORT int posix_memalign(void** memptr, size_t alignment, size_t size) noexcept {
+  if (QM_UNLIKELY(QM_HEAP_org_posix_memalign == nullptr) &&
+      !init_malloc_wrappers_and_assert_function_was_found(
+          "posix_memalign", reinterpret_cast<void**>(&QM_HEAP_org_posix_memalign)))
+    return 22;  // EINVAL; *memptr untouched
+  return QM_HEAP_posix_memalign_interposer(memptr, alignment, size);
+}
+
+QM_EXPORT void* valloc(size_t size) noexcept {
+  if (QM_UNLIKELY(QM_HEAP_org_valloc == nullptr) &&
+      !init_malloc_wrappers_and_assert_function_was_found("valloc", reinterpret_cast<void**>(&QM_HEAP_org_valloc)))
+    return nullptr;
+  return QM_HEAP_valloc_interposer(size);
+}
+
+}  // extern "C"

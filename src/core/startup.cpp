@@ -1,0 +1,148 @@
+// One-time start-up in phases, and shut-down.
+#include "base/assert.h"
+#include "base/export.h"
+#include "core/binding.h"
+#include "core/entry.h"
+#include "core/owners.h"
+#include "events/output.h"
+#include "threads/reentrancy.h"
+#include "threads/thread_utils.h"
+
+extern "C" {
+extern volatile int QM_HEAP_zero;
+extern volatile int QM_HEAP_volatile_int;
+void QM_HEAP_on_init();
+const char* QM_get_qm_distribution();
+extern const int QM_HEAP_version_major;
+extern const int QM_HEAP_version_minor;
+extern const int QM_HEAP_version_point;
+extern const int QM_HEAP_version_service;
+
+constinit int malloc_interposers_initialized = 0;
+constinit int QM_HEAP_startup_config_done = 0;
+}
+
+namespace {
+
+constinit int done_init_phase_00 = 0;
+constinit int done_init_phase_00_00 = 0;
+constinit int done_init_phase_00_01 = 0;
+constinit int done_init_phase_01 = 0;
+constinit int malloc_interposer_init_has_been_called = 0;
+
+constinit QM_thread_atfork_handlers_t heap_ia_atfork_handlers = {};
+
+// The configuration may be read once the load hook has started, or when the
+// C library's own start-up is not in progress.
+int may_read_runtime_config() {
+  return QM_IA_has_ia_initializer_started() || !QM_IA_has_libc_malloc_pthread_startup_started();
+}
+
+int do_init_phase_00_00() {
+  if (done_init_phase_00_00) return done_init_phase_00_00;
+  done_init_phase_00_00 = 1;
+  QM_thread_bind_library();
+  QM_HEAP_om_initialize();
+  QM_HEAP_am_initialize();
+  return 1;
+}
+
+int do_init_phase_00_01() {
+  done_init_phase_00_01 = 1;
+  return done_init_phase_00_01;
+}
+
+int do_init_phase_00() {
+  if (done_init_phase_00 == 0) {
+    done_init_phase_00 = 1;
+    done_init_phase_00 = done_init_phase_00 && do_init_phase_00_00();
+    done_init_phase_00 = done_init_phase_00 && do_init_phase_00_01();
+  }
+  return done_init_phase_00;
+}
+
+int do_init_phase_01() {
+  if (done_init_phase_01 == 0) {
+    done_init_phase_01 = may_read_runtime_config();
+    if (!done_init_phase_01) return 0;
+    if (QM_HEAP_get_verbosity() > 1)
+      QM_HEAP_printf("STARTING malloc interposition (version %d.%03d)\n", QM_HEAP_version_major,
+                     QM_HEAP_version_minor);
+    QM_HEAP_startup_config_done = 1;
+  }
+  return done_init_phase_01;
+}
+
+// Fork: the agent's locks are taken in one fixed order and released in the
+// reverse order, in parent and child alike.
+void heap_ia_atfork_prepare() {
+  QM_HEAP_io_lock_io_mutex();
+  QM_HEAP_om_atfork_prepare();
+  QM_HEAP_c_owner_atfork_prepare();
+}
+
+void heap_ia_atfork_parent() {
+  QM_HEAP_c_owner_atfork_parent();
+  QM_HEAP_om_atfork_parent();
+  QM_HEAP_io_unlock_io_mutex();
+}
+
+void heap_ia_atfork_child() {
+  QM_HEAP_c_owner_atfork_child();
+  QM_HEAP_om_atfork_child();
+  QM_HEAP_io_unlock_io_mutex();
+}
+
+}  // namespace
+
+extern "C" {
+
+void do_initialization() {
+  if (malloc_interposers_initialized) return;
+  malloc_interposers_initialized = 1;
+  malloc_interposers_initialized = malloc_interposers_initialized && do_init_phase_00();
+  malloc_interposers_initialized = malloc_interposers_initialized && do_init_phase_01();
+}
+
+QM_EXPORT void QM_HEAP_malloc_interposer_init() {
+  op_body_arg_t op_arg = {};
+  reentry_info_t local = {};
+  op_arg.op = qm_heap_op_init;
+  op_arg.owner = nullptr;
+  op_arg.rp = &local;
+  QM_HEAP_on_init();
+  op_arg.num_times_entered = QM_enter_ia(reinterpret_cast<void**>(&op_arg.rp));
+  setup_reentry_info(&op_arg, &local);
+  QM_assert(!malloc_interposer_init_has_been_called,
+            "QM_HEAP_malloc_interposer_init called more than once (../malloc_interposers.c)\n");
+  malloc_interposer_init_has_been_called = 1;
+  QM_HEAP_volatile_int = QM_HEAP_version_major;
+  QM_HEAP_volatile_int = QM_HEAP_version_minor;
+  QM_HEAP_volatile_int = QM_HEAP_version_point;
+  QM_HEAP_volatile_int = QM_HEAP_version_service;
+  do_initialization();
+  QM_thread_utils_initializer();
+  heap_ia_atfork_handlers.prepare = heap_ia_atfork_prepare;
+  heap_ia_atfork_handlers.parent = heap_ia_atfork_parent;
+  heap_ia_atfork_handlers.child = heap_ia_atfork_child;
+  heap_ia_atfork_handlers.state = fhs_active;
+  if (QM_thread_atfork_register_handlers(&heap_ia_atfork_handlers) != 0)
+    QM_assert(0, "Error registering heap_ia atfork handlers in QM_HEAP_malloc_interposer_init "
+                 "(../malloc_interposers.c)\n");
+  if (QM_HEAP_zero != 0 || QM_HEAP_get_verbosity() >= 2)
+    QM_HEAP_printf("QM distribution: %s\n", QM_get_qm_distribution());
+  QM_leave_ia();
+}
+
+QM_EXPORT void QM_HEAP_malloc_interposer_fini() {
+  op_body_arg_t op_arg = {};
+  reentry_info_t local = {};
+  op_arg.op = qm_heap_op_fini;
+  op_arg.rp = &local;
+  op_arg.num_times_entered = QM_enter_ia(reinterpret_cast<void**>(&op_arg.rp));
+  setup_reentry_info(&op_arg, &local);
+  if (QM_HEAP_get_verbosity() > 1) QM_HEAP_printf("FINISHING malloc interposition\n");
+  QM_leave_ia();
+}
+
+}  // extern "C"

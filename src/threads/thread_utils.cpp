@@ -1,0 +1,165 @@
+#include "threads/thread_utils.h"
+
+#include <dlfcn.h>
+
+#include "base/assert.h"
+#include "base/export.h"
+#include "base/memory_manager.h"
+#include "threads/reentrancy.h"
+
+namespace {
+
+struct ThreadFunctions {
+  int (*mutex_lock)(pthread_mutex_t*);
+  int (*mutex_unlock)(pthread_mutex_t*);
+  int (*cond_wait)(pthread_cond_t*, pthread_mutex_t*);
+  int (*cond_signal)(pthread_cond_t*);
+  int (*cond_broadcast)(pthread_cond_t*);
+  pthread_t (*self)();
+  int (*equal)(pthread_t, pthread_t);
+  int (*setcancelstate)(int, int*);
+  int (*register_atfork)(void (*)(void), void (*)(void), void (*)(void), void*);
+};
+
+constinit ThreadFunctions fns = {};
+constinit int bound = 0;
+constinit const char* single_threaded_flag = nullptr;  // glibc's __libc_single_threaded
+constinit volatile int multi_latched = 0;
+constinit int initializer_done = 0;
+
+constinit QM_thread_atfork_handlers_t* chain_head = nullptr;
+constinit QM_thread_atfork_handlers_t* chain_tail = nullptr;
+constinit int own_handlers_registered = 0;
+
+template <typename F>
+void bind(F* slot, const char* name) {
+  *slot = reinterpret_cast<F>(dlsym(RTLD_DEFAULT, name));
+}
+
+// The agent's single registration with the C library; everything else rides
+// on the chain.
+void run_prepare() {
+  for (auto* h = chain_tail; h != nullptr; h = h->prev)
+    if (h->state == fhs_active && h->prepare != nullptr) h->prepare();
+}
+void run_parent() {
+  for (auto* h = chain_head; h != nullptr; h = h->next)
+    if (h->state == fhs_active && h->parent != nullptr) h->parent();
+}
+void run_child() {
+  for (auto* h = chain_head; h != nullptr; h = h->next)
+    if (h->state == fhs_active && h->child != nullptr) h->child();
+}
+
+// Names the agent to the C library's handler list (removed only if the agent
+// itself were unloaded, which it never is).
+constinit char own_dso_handle = 0;
+
+void register_own_handlers() {
+  if (own_handlers_registered) return;
+  QM_thread_bind_library();
+  if (fns.register_atfork == nullptr) return;
+  own_handlers_registered = 1;
+  fns.register_atfork(run_prepare, run_parent, run_child, &own_dso_handle);
+}
+
+// Locks that live below the heap agent: taken last in prepare, in this order
+// (reentrancy table before page memory, since growing the reentrancy table
+// allocates pages under its lock).
+constinit QM_thread_atfork_handlers_t memory_manager_handlers = {
+    QM_memory_manager_atfork_prepare, QM_memory_manager_atfork_post,
+    QM_memory_manager_atfork_post, fhs_active, 0, nullptr, nullptr};
+constinit QM_thread_atfork_handlers_t reentrancy_handlers = {
+    QM_thread_enter_ia_atfork_prepare, QM_thread_enter_ia_atfork_parent,
+    QM_thread_enter_ia_atfork_child, fhs_active, 0, nullptr, nullptr};
+
+inline bool locking() { return bound && QM_thread_is_multi_threaded(); }
+
+}  // namespace
+
+extern "C" {
+
+void QM_thread_bind_library() {
+  if (bound) return;
+  bind(&fns.mutex_lock, "pthread_mutex_lock");
+  bind(&fns.mutex_unlock, "pthread_mutex_unlock");
+  bind(&fns.cond_wait, "pthread_cond_wait");
+  bind(&fns.cond_signal, "pthread_cond_signal");
+  bind(&fns.cond_broadcast, "pthread_cond_broadcast");
+  bind(&fns.self, "pthread_self");
+  bind(&fns.equal, "pthread_equal");
+  bind(&fns.setcancelstate, "pthread_setcancelstate");
+  fns.register_atfork = reinterpret_cast<decltype(fns.register_atfork)>(
+      dlsym(RTLD_NEXT, "__register_atfork"));
+  single_threaded_flag = static_cast<const char*>(dlsym(RTLD_DEFAULT, "__libc_single_threaded"));
+  bound = fns.mutex_lock != nullptr && fns.mutex_unlock != nullptr && fns.self != nullptr &&
+          fns.equal != nullptr;
+}
+
+int QM_thread_is_multi_threaded() {
+  if (QM_LIKELY(multi_latched)) return 1;
+  // Without the C library's flag (older libraries) assume the worst once bound.
+  if (single_threaded_flag == nullptr) return bound;
+  if (*single_threaded_flag) return 0;
+  multi_latched = 1;
+  return 1;
+}
+
+int QM_thread_utils_initializer() {
+  if (initializer_done) return 0;
+  QM_thread_bind_library();
+  QM_thread_atfork_register_handlers(&memory_manager_handlers);
+  QM_thread_atfork_register_handlers(&reentrancy_handlers);
+  register_own_handlers();
+  initializer_done = 1;
+  return 0;
+}
+
+int QM_thread_has_initializer_completed() { return initializer_done; }
+
+int QM_pthread_mutex_lock(QM_pthread_mutex_t* m) { return locking() ? fns.mutex_lock(m) : 0; }
+int QM_pthread_mutex_unlock(QM_pthread_mutex_t* m) { return locking() ? fns.mutex_unlock(m) : 0; }
+int QM_pthread_cond_wait(QM_pthread_cond_t* c, QM_pthread_mutex_t* m) {
+  return locking() && fns.cond_wait != nullptr ? fns.cond_wait(c, m) : 0;
+}
+int QM_pthread_cond_signal(QM_pthread_cond_t* c) {
+  return locking() && fns.cond_signal != nullptr ? fns.cond_signal(c) : 0;
+}
+int QM_pthread_cond_broadcast(QM_pthread_cond_t* c) {
+  return locking() && fns.cond_broadcast != nullptr ? fns.cond_broadcast(c) : 0;
+}
+QM_pthread_t QM_pthread_self() { return bound ? fns.self() : QM_pthread_t{}; }
+int QM_pthread_equal(QM_pthread_t a, QM_pthread_t b) { return bound ? fns.equal(a, b) : a == b; }
+int QM_pthread_setcancelstate(int state, int* oldstate) {
+  return fns.setcancelstate != nullptr ? fns.setcancelstate(state, oldstate) : 0;
+}
+
+int QM_thread_disable_cancel(int* old_cancelstate) {
+  return QM_pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, old_cancelstate);
+}
+
+int QM_thread_restore_cancelstate(int old_cancelstate) {
+  int ignored;
+  return QM_pthread_setcancelstate(old_cancelstate, &ignored);
+}
+
+int QM_thread_atfork_register_handlers(QM_thread_atfork_handlers_t* h) {
+  if (h == nullptr || h->next != nullptr || h->prev != nullptr || h == chain_head) return -1;
+  h->prev = chain_tail;
+  if (chain_tail != nullptr)
+    chain_tail->next = h;
+  else
+    chain_head = h;
+  chain_tail = h;
+  h->error_number = 0;
+  return 0;
+}
+
+int QM_thread_register_atfork_forward(void (*prepare)(void), void (*parent)(void),
+                                      void (*child)(void), void* dso_handle) {
+  register_own_handlers();
+  if (fns.register_atfork == nullptr) return 12;  // ENOMEM, as the C library reports failure
+  return fns.register_atfork(prepare, parent, child, dso_handle);
+}
+
+}  // extern "C"

@@ -1,0 +1,67 @@
+// Thread utilities: the threads library bound at run time, fork-handler chains
+// and cancellation helpers.
+//
+// Mutexes and condition variables are the C library's own types, statically
+// zero-initialised, so they are usable before anything has been bound. While
+// the process has one thread (or before binding) lock, unlock, wait and
+// signal do nothing. "Multi-threaded" is latched: once the process has had a
+// second thread it stays multi-threaded for the agent, also in a forked
+// child, so a lock taken for real is always released for real.
+#pragma once
+#include <pthread.h>
+
+extern "C" {
+
+typedef pthread_mutex_t QM_pthread_mutex_t;
+typedef pthread_cond_t QM_pthread_cond_t;
+typedef pthread_t QM_pthread_t;
+
+int QM_pthread_mutex_lock(QM_pthread_mutex_t* m);
+int QM_pthread_mutex_unlock(QM_pthread_mutex_t* m);
+int QM_pthread_cond_wait(QM_pthread_cond_t* c, QM_pthread_mutex_t* m);
+int QM_pthread_cond_signal(QM_pthread_cond_t* c);
+int QM_pthread_cond_broadcast(QM_pthread_cond_t* c);
+QM_pthread_t QM_pthread_self();
+int QM_pthread_equal(QM_pthread_t a, QM_pthread_t b);
+int QM_pthread_setcancelstate(int state, int* oldstate);
+
+// 1 once the process has (had) more than one thread; 0 before binding.
+int QM_thread_is_multi_threaded();
+// Binds the threads library; idempotent, safe from the first heap call on.
+void QM_thread_bind_library();
+// Binds, registers the agent's base fork handlers; runs once (later calls return 0).
+int QM_thread_utils_initializer();
+int QM_thread_has_initializer_completed();
+
+// Cancellation: disable for the duration of an operation, then restore.
+int QM_thread_disable_cancel(int* old_cancelstate);
+int QM_thread_restore_cancelstate(int old_cancelstate);
+
+// A link of the fork-handler chain. Prepare handlers run last-registered
+// first; parent and child handlers first-registered first, so that locks are
+// released in the reverse of the order in which they were taken.
+typedef enum QM_pthread_fork_handler_state_e {
+  fhs_unregistered = 0,
+  fhs_active = 1,
+  fhs_avoid_trailing_comma_misery
+} QM_pthread_fork_handler_state_e;
+
+typedef struct QM_thread_atfork_handlers_t {
+  void (*prepare)(void);
+  void (*parent)(void);
+  void (*child)(void);
+  QM_pthread_fork_handler_state_e state;
+  int error_number;
+  struct QM_thread_atfork_handlers_t* next;
+  struct QM_thread_atfork_handlers_t* prev;
+} QM_thread_atfork_handlers_t;
+
+// Appends h to the chain; 0, or -1 for a null record or one already chained.
+int QM_thread_atfork_register_handlers(QM_thread_atfork_handlers_t* h);
+
+// The C library's __register_atfork, reached after the agent's own handlers
+// have been registered with it (so that they run last in prepare and first in
+// parent and child, whoever registers before or after).
+int QM_thread_register_atfork_forward(void (*prepare)(void), void (*parent)(void),
+                                      void (*child)(void), void* dso_handle);
+}

@@ -5,38 +5,16 @@
 #include <unistd.h>
 
 #include "base/export.h"
-#include "events/output.h"
-
-#ifndef QMHEAP_DISTRIBUTION
-#define QMHEAP_DISTRIBUTION "unknown"
-#endif
 
 #if defined(__x86_64__)
-#define QM_ARCH_SIZE 64
 extern "C" [[gnu::used, gnu::section(".interp")]] const char qm_interp[] = "/lib64/ld-linux-x86-64.so.2";
 #else
-#define QM_ARCH_SIZE 32
 extern "C" [[gnu::used, gnu::section(".interp")]] const char qm_interp[] = "/lib/ld-linux.so.2";
 #endif
 
+extern "C" int QM_HEAP_main(int argc, char** argv);
+
 extern "C" {
-
-extern constinit const int QM_HEAP_version_major = 1;
-extern constinit const int QM_HEAP_version_minor = 2;
-extern constinit const int QM_HEAP_version_point = 0;
-extern constinit const int QM_HEAP_version_service = 0;
-
-const char* QM_get_qm_distribution() { return QMHEAP_DISTRIBUTION; }
-
-int QM_HEAP_main(int, char**) {
-  QM_HEAP_printf("Quillmark Heap Interposition Agent\n");
-  QM_HEAP_printf("  hia version: %d.%d\n", QM_HEAP_version_major, QM_HEAP_version_minor);
-  QM_HEAP_printf("  Quillmark distribution: %s\n", QM_get_qm_distribution());
-  QM_HEAP_printf("  ARCH_SIZE: %d\n", QM_ARCH_SIZE);
-  QM_HEAP_printf("  is 32-bit?: %s\n", QM_ARCH_SIZE == 32 ? "yes" : "no");
-  QM_HEAP_printf("  is 64-bit?: %s\n", QM_ARCH_SIZE == 64 ? "yes" : "no");
-  return 0;
-}
 
 // Called from the entry stub with the initial stack: the argument count word
 // is skipped and the argument vector counted up to its null terminator.

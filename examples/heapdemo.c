@@ -1,0 +1,69 @@
+/* A small program that keeps a list of words on the heap, using every heap
+ * function the agent watches. The argument picks a heap mistake to make, so
+ * that the agent's report of it can be seen:
+ *   heapdemo            correct use only
+ *   heapdemo double     frees a block twice
+ *   heapdemo middle     frees an address inside a block
+ *   heapdemo wild       frees an address that was never allocated
+ *   heapdemo leak       leaves blocks allocated at exit */
+#include <malloc.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+struct word {
+  char* text;
+  struct word* next;
+};
+
+static struct word* push(struct word* list, const char* text) {
+  struct word* w = malloc(sizeof *w);
+  w->text = strdup(text);
+  w->next = list;
+  return w;
+}
+
+int main(int argc, char** argv) {
+  const char* mode = argc > 1 ? argv[1] : "";
+  const char* words[] = {"heap", "agent", "watches", "every", "block"};
+  struct word* list = NULL;
+  for (size_t i = 0; i < sizeof words / sizeof *words; ++i) list = push(list, words[i]);
+
+  int* squares = calloc(8, sizeof *squares);
+  for (int i = 0; i < 8; ++i) squares[i] = i * i;
+  squares = realloc(squares, 16 * sizeof *squares);
+  void* aligned = memalign(64, 100);
+  void* page = valloc(200);
+  void* pm = NULL;
+  if (posix_memalign(&pm, 32, 48) != 0) return 1;
+
+  size_t n = 0;
+  for (struct word* w = list; w != NULL; w = w->next) n += strlen(w->text);
+  printf("heapdemo: %zu characters in the list, 7 squared is %d\n", n, squares[7]);
+
+  if (strcmp(mode, "double") == 0) {
+    free(pm);
+    free(pm);
+    pm = NULL;
+  } else if (strcmp(mode, "middle") == 0) {
+    free((char*)squares + 8);
+  } else if (strcmp(mode, "wild") == 0) {
+    static char not_heap[64];
+    free(not_heap + 16);
+  }
+
+  if (strcmp(mode, "leak") != 0) {
+    while (list != NULL) {
+      struct word* next = list->next;
+      free(list->text);
+      free(list);
+      list = next;
+    }
+    if (strcmp(mode, "middle") != 0) free(squares);
+    free(aligned);
+    free(page);
+    free(pm);
+  }
+  printf("heapdemo: done\n");
+  return 0;
+}

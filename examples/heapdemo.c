@@ -6,6 +6,8 @@
  *   heapdemo middle     frees an address inside a block
  *   heapdemo wild       frees an address that was never allocated
  *   heapdemo leak       leaves blocks allocated at exit */
+#define _GNU_SOURCE
+#include <dlfcn.h>
 #include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -40,6 +42,11 @@ int main(int argc, char** argv) {
   size_t n = 0;
   for (struct word* w = list; w != NULL; w = w->next) n += strlen(w->text);
   printf("heapdemo: %zu characters in the list, 7 squared is %d\n", n, squares[7]);
+  Dl_info info;
+  if (dladdr(dlsym(RTLD_DEFAULT, "malloc"), &info) != 0) {
+    const char* base = strrchr(info.dli_fname, '/');
+    printf("heapdemo: malloc is served by %s\n", base != NULL ? base + 1 : info.dli_fname);
+  }
 
   if (strcmp(mode, "double") == 0) {
     free(pm);

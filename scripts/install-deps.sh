@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, only the packages that are missing. Idempotent.
 set -eu
-pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file"
+pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc"
 missing=""
 for p in $pkgs; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

@@ -33,3 +33,26 @@ void interposer_entry_setup_caller_state(caller_state_info_t* caller);
 // outermost call, also when a cancellation unwinds through it.
 void interposer_finish_cleanup_handler(void* caller);
 }
+
+// The same, inline for the interposers' hot path.
+#include "core/binding.h"
+#include "threads/reentrancy.h"
+#include "threads/thread_utils.h"
+namespace qm {
+inline void setup_reentry_info(op_body_arg_t* op_arg, reentry_info_t* local) {
+  if (op_arg->num_times_entered == 1) {
+    local->allow_reentry = 0;
+    local->want_cleanup_handler = QM_IA_has_ia_initializer_completed() != 0;
+  } else {
+    *local = *op_arg->rp;
+  }
+}
+inline void setup_caller_state(caller_state_info_t* caller) {
+  caller->is_multi_threaded = QM_IA_has_ia_initializer_started() && is_multi_threaded();
+  if (caller->is_multi_threaded) QM_thread_disable_cancel(&caller->old_cancelstate);
+}
+inline void finish_caller_state(caller_state_info_t* caller) {
+  if (caller->is_multi_threaded) QM_thread_restore_cancelstate(caller->old_cancelstate);
+  QM_leave_ia();
+}
+}  // namespace qm

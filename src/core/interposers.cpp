@@ -71,13 +71,13 @@ inline auto enter(QM_HEAP_heap_op_e op, const char* name, Body body, Direct dire
   a.owner = owner;
   a.rp = &local;
   a.num_times_entered = QM_enter_ia(reinterpret_cast<void**>(&a.rp));
-  setup_reentry_info(&a, &local);
+  qm::setup_reentry_info(&a, &local);
   if (QM_LIKELY(a.num_times_entered == 1)) {
     c_owner_t* c = reinterpret_cast<c_owner_t*>(owner);
     c->funcs->start_op(c);
-    interposer_entry_setup_caller_state(&a.caller_info);
+    qm::setup_caller_state(&a.caller_info);
     auto r = body(&a);
-    interposer_finish_cleanup_handler(&a.caller_info);
+    qm::finish_caller_state(&a.caller_info);
     c->funcs->finish_op(c);
     return r;
   }

@@ -88,47 +88,47 @@ int QM_HEAP_c_owner_has_rights(owner_t* self, owner_t* other, owner_rights_e) {
 
 int QM_HEAP_c_owner_start_op(c_owner_t* self) {
   c_owner_sync_info_t* s = sync_of(self);
-  QM_pthread_mutex_lock(&s->m);
+  qm::mutex_lock(&s->m);
   while (s->is_blocked || s->num_waiting_to_block > 0) {
     ++s->num_waiting_for_ops;
     QM_pthread_cond_wait(&s->waiting_for_ops, &s->m);
     --s->num_waiting_for_ops;
   }
   ++s->num_ops;
-  QM_pthread_mutex_unlock(&s->m);
+  qm::mutex_unlock(&s->m);
   return 0;
 }
 
 int QM_HEAP_c_owner_finish_op(c_owner_t* self) {
   c_owner_sync_info_t* s = sync_of(self);
-  QM_pthread_mutex_lock(&s->m);
+  qm::mutex_lock(&s->m);
   if (--s->num_ops == 0 && s->num_waiting_to_block > 0) QM_pthread_cond_signal(&s->waiting_to_block);
-  QM_pthread_mutex_unlock(&s->m);
+  qm::mutex_unlock(&s->m);
   return 0;
 }
 
 int QM_HEAP_c_owner_block_ops(c_owner_t* self) {
   c_owner_sync_info_t* s = sync_of(self);
-  QM_pthread_mutex_lock(&s->m);
+  qm::mutex_lock(&s->m);
   while (s->num_ops > 0 || s->is_blocked) {
     ++s->num_waiting_to_block;
     QM_pthread_cond_wait(&s->waiting_to_block, &s->m);
     --s->num_waiting_to_block;
   }
   s->is_blocked = 1;
-  QM_pthread_mutex_unlock(&s->m);
+  qm::mutex_unlock(&s->m);
   return 0;
 }
 
 int QM_HEAP_c_owner_unblock_ops(c_owner_t* self) {
   c_owner_sync_info_t* s = sync_of(self);
-  QM_pthread_mutex_lock(&s->m);
+  qm::mutex_lock(&s->m);
   s->is_blocked = 0;
   if (s->num_waiting_to_block > 0)
     QM_pthread_cond_signal(&s->waiting_to_block);
   else if (s->num_waiting_for_ops > 0)
     QM_pthread_cond_broadcast(&s->waiting_for_ops);
-  QM_pthread_mutex_unlock(&s->m);
+  qm::mutex_unlock(&s->m);
   return 0;
 }
 

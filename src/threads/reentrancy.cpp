@@ -46,19 +46,20 @@ constinit reentrancy_table_t thread_counters = {PTHREAD_MUTEX_INITIALIZER, nullp
                                                 0, 0, 0, 0};
 
 void lock(const char* fn) {
-  if (QM_pthread_mutex_lock(&thread_counters.mutex) != 0)
+  if (qm::mutex_lock(&thread_counters.mutex) != 0)
     QM_assert(0, "Error locking reentrancy table mutex in %s (" QM_RE_FILE ")\n", fn);
 }
 
 void unlock(const char* fn) {
-  if (QM_pthread_mutex_unlock(&thread_counters.mutex) != 0)
+  if (qm::mutex_unlock(&thread_counters.mutex) != 0)
     QM_assert(0, "Error unlocking reentrancy table mutex in %s (" QM_RE_FILE ")\n", fn);
 }
 
 bool use_simple_counter() {
   if (QM_LIKELY(using_multi_threaded_counter)) return false;
-  if (QM_IA_has_ia_initializer_completed() && QM_thread_has_initializer_completed() &&
-      QM_thread_is_multi_threaded())
+  // The cheap test first: while the process has one thread nothing else matters.
+  if (!qm::is_multi_threaded()) return true;
+  if (QM_IA_has_ia_initializer_completed() && QM_thread_has_initializer_completed())
     QM_thread_switch_to_multi_threaded_reentrancy();
   return !using_multi_threaded_counter;
 }

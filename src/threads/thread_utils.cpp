@@ -7,24 +7,14 @@
 #include "base/memory_manager.h"
 #include "threads/reentrancy.h"
 
+extern "C" {
+constinit QM_thread_state_t QM_thread_state = {};
+}
+
 namespace {
 
-struct ThreadFunctions {
-  int (*mutex_lock)(pthread_mutex_t*);
-  int (*mutex_unlock)(pthread_mutex_t*);
-  int (*cond_wait)(pthread_cond_t*, pthread_mutex_t*);
-  int (*cond_signal)(pthread_cond_t*);
-  int (*cond_broadcast)(pthread_cond_t*);
-  pthread_t (*self)();
-  int (*equal)(pthread_t, pthread_t);
-  int (*setcancelstate)(int, int*);
-  int (*register_atfork)(void (*)(void), void (*)(void), void (*)(void), void*);
-};
-
-constinit ThreadFunctions fns = {};
-constinit int bound = 0;
-constinit const char* single_threaded_flag = nullptr;  // glibc's __libc_single_threaded
-constinit volatile int multi_latched = 0;
+QM_thread_functions_t& fns = QM_thread_state.fns;
+int& bound = QM_thread_state.bound;
 constinit int initializer_done = 0;
 
 constinit QM_thread_atfork_handlers_t* chain_head = nullptr;
@@ -73,7 +63,7 @@ constinit QM_thread_atfork_handlers_t reentrancy_handlers = {
     QM_thread_enter_ia_atfork_prepare, QM_thread_enter_ia_atfork_parent,
     QM_thread_enter_ia_atfork_child, fhs_active, 0, nullptr, nullptr};
 
-inline bool locking() { return bound && QM_thread_is_multi_threaded(); }
+inline bool locking() { return bound && qm::is_multi_threaded(); }
 
 }  // namespace
 
@@ -91,17 +81,19 @@ void QM_thread_bind_library() {
   bind(&fns.setcancelstate, "pthread_setcancelstate");
   fns.register_atfork = reinterpret_cast<decltype(fns.register_atfork)>(
       dlsym(RTLD_NEXT, "__register_atfork"));
-  single_threaded_flag = static_cast<const char*>(dlsym(RTLD_DEFAULT, "__libc_single_threaded"));
+  QM_thread_state.single_threaded_flag =
+      static_cast<const char*>(dlsym(RTLD_DEFAULT, "__libc_single_threaded"));
   bound = fns.mutex_lock != nullptr && fns.mutex_unlock != nullptr && fns.self != nullptr &&
           fns.equal != nullptr;
 }
 
 int QM_thread_is_multi_threaded() {
-  if (QM_LIKELY(multi_latched)) return 1;
+  if (QM_LIKELY(QM_thread_state.multi_latched)) return 1;
   // Without the C library's flag (older libraries) assume the worst once bound.
-  if (single_threaded_flag == nullptr) return bound;
-  if (*single_threaded_flag) return 0;
-  multi_latched = 1;
+  const char* f = QM_thread_state.single_threaded_flag;
+  if (f == nullptr) return bound;
+  if (*f) return 0;
+  QM_thread_state.multi_latched = 1;
   return 1;
 }
 
@@ -117,8 +109,8 @@ int QM_thread_utils_initializer() {
 
 int QM_thread_has_initializer_completed() { return initializer_done; }
 
-int QM_pthread_mutex_lock(QM_pthread_mutex_t* m) { return locking() ? fns.mutex_lock(m) : 0; }
-int QM_pthread_mutex_unlock(QM_pthread_mutex_t* m) { return locking() ? fns.mutex_unlock(m) : 0; }
+int QM_pthread_mutex_lock(QM_pthread_mutex_t* m) { return qm::mutex_lock(m); }
+int QM_pthread_mutex_unlock(QM_pthread_mutex_t* m) { return qm::mutex_unlock(m); }
 int QM_pthread_cond_wait(QM_pthread_cond_t* c, QM_pthread_mutex_t* m) {
   return locking() && fns.cond_wait != nullptr ? fns.cond_wait(c, m) : 0;
 }

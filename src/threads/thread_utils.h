@@ -37,6 +37,28 @@ int QM_thread_has_initializer_completed();
 int QM_thread_disable_cancel(int* old_cancelstate);
 int QM_thread_restore_cancelstate(int old_cancelstate);
 
+// The threads library as bound at run time; read by the inline fast paths below.
+typedef struct QM_thread_functions_t {
+  int (*mutex_lock)(pthread_mutex_t*);
+  int (*mutex_unlock)(pthread_mutex_t*);
+  int (*cond_wait)(pthread_cond_t*, pthread_mutex_t*);
+  int (*cond_signal)(pthread_cond_t*);
+  int (*cond_broadcast)(pthread_cond_t*);
+  pthread_t (*self)(void);
+  int (*equal)(pthread_t, pthread_t);
+  int (*setcancelstate)(int, int*);
+  int (*register_atfork)(void (*)(void), void (*)(void), void (*)(void), void*);
+} QM_thread_functions_t;
+
+typedef struct QM_thread_state_t {
+  volatile int multi_latched;        // once 1, stays 1
+  const char* single_threaded_flag;  // the C library's __libc_single_threaded, if any
+  int bound;
+  QM_thread_functions_t fns;
+} QM_thread_state_t;
+
+extern QM_thread_state_t QM_thread_state;
+
 // A link of the fork-handler chain. Prepare handlers run last-registered
 // first; parent and child handlers first-registered first, so that locks are
 // released in the reverse of the order in which they were taken.
@@ -65,3 +87,20 @@ int QM_thread_atfork_register_handlers(QM_thread_atfork_handlers_t* h);
 int QM_thread_register_atfork_forward(void (*prepare)(void), void (*parent)(void),
                                       void (*child)(void), void* dso_handle);
 }
+
+// Fast paths for the per-operation code: no call while the process has one
+// thread.
+namespace qm {
+inline int is_multi_threaded() {
+  if (__builtin_expect(QM_thread_state.multi_latched, 1)) return 1;
+  const char* f = QM_thread_state.single_threaded_flag;
+  if (f != nullptr && *f) return 0;
+  return QM_thread_is_multi_threaded();
+}
+inline int mutex_lock(QM_pthread_mutex_t* m) {
+  return is_multi_threaded() && QM_thread_state.bound ? QM_thread_state.fns.mutex_lock(m) : 0;
+}
+inline int mutex_unlock(QM_pthread_mutex_t* m) {
+  return is_multi_threaded() && QM_thread_state.bound ? QM_thread_state.fns.mutex_unlock(m) : 0;
+}
+}  // namespace qm

@@ -1,0 +1,77 @@
+"""Shared helpers of the integration drivers.
+
+Each driver is run by ctest as `python3 test_x.py build/<arch>/integration.json`
+and runs programs of that build's architecture, with or without the agent,
+through the build's runner (which hides whether qemu is in the way)."""
+
+import json
+import os
+import re
+import subprocess
+import sys
+import unittest
+
+CONFIG = {}
+if len(sys.argv) > 1 and sys.argv[1].endswith(".json"):
+    with open(sys.argv[1]) as _f:
+        CONFIG.update(json.load(_f))
+
+
+def config():
+    return CONFIG
+
+
+def is_64():
+    return CONFIG["arch"] == "x86_64"
+
+
+def target(name):
+    return os.path.join(CONFIG["targets"], name)
+
+
+def run(argv, preload=True, env=None, extra_preload=(), timeout=300, input=None, cwd=None):
+    """Runs argv under the agent (unless preload is False); returns the
+    CompletedProcess with text stdout and stderr."""
+    cmd = [CONFIG["runner"]]
+    libs = ([CONFIG["lib"]] if preload else []) + list(extra_preload)
+    if libs:
+        cmd += ["--preload", ":".join(libs)]
+    for k, v in (env or {}).items():
+        cmd += ["--env", f"{k}={v}"]
+    cmd += ["--"] + list(argv)
+    return subprocess.run(cmd, capture_output=True, text=True, timeout=timeout, input=input, cwd=cwd,
+                          errors="replace")
+
+
+def run_host(argv, env=None, timeout=600, input=None, cwd=None):
+    """Runs a host (x86-64) program with the 64-bit agent preloaded through
+    the environment, as a user would."""
+    e = dict(os.environ)
+    e.update(env or {})
+    e["LD_PRELOAD"] = CONFIG["lib"]
+    return subprocess.run(argv, capture_output=True, text=True, timeout=timeout, input=input, cwd=cwd,
+                          env=e, errors="replace")
+
+
+_HEX = re.compile(r"0x[0-9a-f]+")
+
+
+def normalise(text):
+    """Addresses become ADDR so that expected texts are stable."""
+    return _HEX.sub("ADDR", text)
+
+
+def main():
+    if len(sys.argv) < 2:
+        print("usage: %s integration.json" % sys.argv[0], file=sys.stderr)
+        sys.exit(2)
+    runner = unittest.TextTestRunner(verbosity=2)
+    suite = unittest.defaultTestLoader.loadTestsFromModule(sys.modules["__main__"])
+    if len(sys.argv) > 2:  # optional name filter
+        suite = unittest.TestSuite(t for s in suite for t in s if any(f in t.id() for f in sys.argv[2:]))
+    result = runner.run(suite)
+    if not result.wasSuccessful():
+        sys.exit(1)
+    if result.testsRun > 0 and len(result.skipped) == result.testsRun:
+        sys.exit(77)
+    sys.exit(0)

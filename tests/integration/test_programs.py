@@ -1,0 +1,86 @@
+"""Programs run under the agent behave exactly as they do without it."""
+
+import os
+import shutil
+import tempfile
+import unittest
+
+import qmtest
+from qmtest import config, run, run_host, target
+
+
+class Targets(unittest.TestCase):
+    def test_every_heap_function_in_every_combination(self):
+        plain = run([target("allfuncs")], preload=False)
+        under = run([target("allfuncs")], env={"QM_EXPECT_AGENT": "1"})
+        self.assertEqual(plain.returncode, 0, plain.stderr)
+        self.assertEqual(under.returncode, 0, under.stderr)
+        self.assertEqual(under.stdout, plain.stdout)
+        self.assertEqual(under.stderr, "")
+
+    def test_threads_exceptions_iostreams_and_fork(self):
+        r = run([target("cxx_threads")], timeout=600)
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
+        self.assertEqual(r.stdout, "cxx_threads: total 3988, child 0\n")
+
+    def test_heap_calls_before_the_load_hook_initialise_the_agent(self):
+        early = os.path.join(config()["targets"], "libqmearly.so")
+        r = run([target("allfuncs")], extra_preload=[early])
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertTrue(r.stdout.startswith("early ok\n"), r.stdout)
+
+
+@unittest.skipUnless(qmtest.is_64(), "real host programs are x86-64")
+class RealPrograms(unittest.TestCase):
+    def same_as_plain(self, argv, env=None, input=None, cwd=None):
+        e = dict(os.environ)
+        e.update(env or {})
+        import subprocess
+        plain = subprocess.run(argv, capture_output=True, text=True, env=e, input=input, cwd=cwd)
+        under = run_host(argv, env=env, input=input, cwd=cwd)
+        self.assertEqual(under.returncode, plain.returncode, under.stderr)
+        self.assertEqual(under.stdout, plain.stdout)
+        self.assertEqual(under.stderr, plain.stderr)
+        return under
+
+    def test_bash_pipeline_with_subshells(self):
+        script = ("for i in $(seq 1 200); do echo line $i; done | (sort -r | head -n 50) | "
+                  "while read a b; do echo $((b * 2)); done | tr 0-9 a-j | sort | uniq -c | wc -l; "
+                  "x=$( (echo nested; (echo deeper)) | wc -l); echo $x")
+        self.same_as_plain(["bash", "-c", script])
+
+    def test_python_with_threads(self):
+        code = ("import threading, json\n"
+                "out = {}\n"
+                "def f(i):\n"
+                "    d = {str(k): [k] * (k % 7) for k in range(20000)}\n"
+                "    out[i] = len(json.dumps(d))\n"
+                "ts = [threading.Thread(target=f, args=(i,)) for i in range(4)]\n"
+                "[t.start() for t in ts]; [t.join() for t in ts]\n"
+                "print(sorted(out.items()))\n")
+        self.same_as_plain(["/usr/bin/python3", "-c", code], env={"PYTHONMALLOC": "malloc"})
+
+    def test_perl(self):
+        self.same_as_plain(["perl", "-e",
+                            'my %h; $h{$_} = join(",", 1..($_ % 50)) for 1..50000; '
+                            'my @k = sort { $a <=> $b } keys %h; print scalar(@k), " $k[-1]\\n";'])
+
+    def test_gcc_compiles_links_and_runs(self):
+        d = tempfile.mkdtemp()
+        try:
+            src = os.path.join(d, "hello.c")
+            with open(src, "w") as f:
+                f.write('#include <stdio.h>\n#include <stdlib.h>\n'
+                        'int main(void){char*p=malloc(10);p[0]=1;free(p);puts("compiled ok");return 0;}\n')
+            exe = os.path.join(d, "hello")
+            r = run_host(["gcc", "-O2", "-o", exe, src])
+            self.assertEqual(r.returncode, 0, r.stderr)
+            self.assertEqual(r.stderr, "")
+            r = run_host([exe])
+            self.assertEqual((r.returncode, r.stdout), (0, "compiled ok\n"))
+        finally:
+            shutil.rmtree(d)
+
+
+if __name__ == "__main__":
+    qmtest.main()

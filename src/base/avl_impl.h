@@ -1,0 +1,304 @@
+// The AVL algorithms, generic over an operations object O that provides:
+//   int cmp(void* key, void* node_key); bool is_empty(void* t); void* empty();
+//   void* key(void* n); void* left(void* n); void* right(void* n);
+//   avl_balance_t balance(void* n); void set_left(void* n, void* t);
+//   void set_right(void* n, void* t); void set_balance(void* n, avl_balance_t b);
+// Recursion depth is bounded by the tree height; nothing is allocated.
+#pragma once
+#include "base/avl.h"
+
+namespace qm::avl {
+
+template <class O>
+struct Algo {
+  const O& o;
+
+  void* rotate_left(void* t) const {
+    void* r = o.right(t);
+    o.set_right(t, o.left(r));
+    o.set_left(r, t);
+    return r;
+  }
+
+  void* rotate_right(void* t) const {
+    void* l = o.left(t);
+    o.set_left(t, o.right(l));
+    o.set_right(l, t);
+    return l;
+  }
+
+  // Balances of a double rotation's two lower nodes from the former balance
+  // of the grandchild that became the root: lo is the node now on the left.
+  void set_double_balances(void* lo, void* hi, avl_balance_t g) const {
+    o.set_balance(lo, g == avl_right_high_e ? avl_left_high_e : avl_equal_high_e);
+    o.set_balance(hi, g == avl_left_high_e ? avl_right_high_e : avl_equal_high_e);
+  }
+
+  void* left_balance(void* t) const {
+    void* l = o.left(t);
+    switch (o.balance(l)) {
+      case avl_left_high_e:
+        o.set_balance(t, avl_equal_high_e);
+        o.set_balance(l, avl_equal_high_e);
+        return rotate_right(t);
+      case avl_right_high_e: {
+        void* g = o.right(l);
+        avl_balance_t gb = o.balance(g);
+        o.set_left(t, rotate_left(l));
+        void* root = rotate_right(t);
+        set_double_balances(l, t, gb);
+        o.set_balance(root, avl_equal_high_e);
+        return root;
+      }
+      default:
+        QM_AVL_fatal("left_balance");
+        return t;
+    }
+  }
+
+  void* right_balance(void* t) const {
+    void* r = o.right(t);
+    switch (o.balance(r)) {
+      case avl_right_high_e:
+        o.set_balance(t, avl_equal_high_e);
+        o.set_balance(r, avl_equal_high_e);
+        return rotate_left(t);
+      case avl_left_high_e: {
+        void* g = o.left(r);
+        avl_balance_t gb = o.balance(g);
+        o.set_right(t, rotate_right(r));
+        void* root = rotate_left(t);
+        set_double_balances(t, r, gb);
+        o.set_balance(root, avl_equal_high_e);
+        return root;
+      }
+      default:
+        QM_AVL_fatal("right_balance");
+        return t;
+    }
+  }
+
+  void* insert(void* t, void* n, void* k, bool* taller) const {
+    if (o.is_empty(t)) {
+      o.set_left(n, o.empty());
+      o.set_right(n, o.empty());
+      o.set_balance(n, avl_equal_high_e);
+      *taller = true;
+      return n;
+    }
+    int c = o.cmp(k, o.key(t));
+    if (c < 0) {
+      o.set_left(t, insert(o.left(t), n, k, taller));
+      if (*taller) {
+        switch (o.balance(t)) {
+          case avl_equal_high_e: o.set_balance(t, avl_left_high_e); break;
+          case avl_right_high_e: o.set_balance(t, avl_equal_high_e); *taller = false; break;
+          default: t = left_balance(t); *taller = false; break;
+        }
+      }
+    } else if (c > 0) {
+      o.set_right(t, insert(o.right(t), n, k, taller));
+      if (*taller) {
+        switch (o.balance(t)) {
+          case avl_equal_high_e: o.set_balance(t, avl_right_high_e); break;
+          case avl_left_high_e: o.set_balance(t, avl_equal_high_e); *taller = false; break;
+          default: t = right_balance(t); *taller = false; break;
+        }
+      }
+    } else {
+      QM_AVL_fatal("insert: duplicate key");
+      *taller = false;
+      return t;
+    }
+    if (QM_AVL_assert_all_insert_ret_val && check(t) != 0) QM_AVL_fatal("all insert checkAvl");
+    return t;
+  }
+
+  void* delete_balance(void* t, side_shortened_t side, bool* shorter) const {
+    if (!*shorter) return t;
+    if (side == shortened_neither_e) {
+      QM_AVL_fatal("delete_balance: tree shortened, but side_shortened is shortened_neither_e");
+      return t;
+    }
+    const bool left_side = side == shortened_left_e;
+    const avl_balance_t same = left_side ? avl_left_high_e : avl_right_high_e;
+    const avl_balance_t other = left_side ? avl_right_high_e : avl_left_high_e;
+    avl_balance_t b = o.balance(t);
+    if (b == avl_equal_high_e) {
+      o.set_balance(t, other);
+      *shorter = false;
+      return t;
+    }
+    if (b == same) {
+      o.set_balance(t, avl_equal_high_e);
+      return t;
+    }
+    // High on the other side: rotate towards the shortened side.
+    void* s = left_side ? o.right(t) : o.left(t);
+    avl_balance_t sb = o.balance(s);
+    if (sb == avl_equal_high_e) {
+      void* root = left_side ? rotate_left(t) : rotate_right(t);
+      o.set_balance(t, other);
+      o.set_balance(root, same);
+      *shorter = false;
+      return root;
+    }
+    if (sb == other) {
+      void* root = left_side ? rotate_left(t) : rotate_right(t);
+      o.set_balance(t, avl_equal_high_e);
+      o.set_balance(root, avl_equal_high_e);
+      return root;
+    }
+    if (sb == same) {
+      void* g = left_side ? o.left(s) : o.right(s);
+      avl_balance_t gb = o.balance(g);
+      void* root;
+      if (left_side) {
+        o.set_right(t, rotate_right(s));
+        root = rotate_left(t);
+        set_double_balances(t, s, gb);
+      } else {
+        o.set_left(t, rotate_left(s));
+        root = rotate_right(t);
+        set_double_balances(s, t, gb);
+      }
+      o.set_balance(root, avl_equal_high_e);
+      return root;
+    }
+    QM_AVL_fatal("delete_balance");
+    return t;
+  }
+
+  // A subtree that replaces a removed node must be empty or one balanced leaf.
+  bool is_leaf_or_empty(void* t) const {
+    return o.is_empty(t) || (o.is_empty(o.left(t)) && o.is_empty(o.right(t)) &&
+                             o.balance(t) == avl_equal_high_e);
+  }
+
+  void* delete_aux(void* t, void** pred, bool* shorter) const {
+    if (o.is_empty(o.right(t))) {
+      *pred = t;
+      void* l = o.left(t);
+      if (!is_leaf_or_empty(l)) QM_AVL_fatal("delete_aux error");
+      *shorter = true;
+      return l;
+    }
+    o.set_right(t, delete_aux(o.right(t), pred, shorter));
+    t = delete_balance(t, shortened_right_e, shorter);
+    if (QM_AVL_assert_all_delete_ret_val && check(t) != 0) QM_AVL_fatal("all delete_aux checkAvl");
+    return t;
+  }
+
+  void* remove(void* t, void* k, bool* shorter) const {
+    if (o.is_empty(t)) {
+      *shorter = false;
+      return t;
+    }
+    int c = o.cmp(k, o.key(t));
+    if (c < 0) {
+      o.set_left(t, remove(o.left(t), k, shorter));
+      t = delete_balance(t, shortened_left_e, shorter);
+    } else if (c > 0) {
+      o.set_right(t, remove(o.right(t), k, shorter));
+      t = delete_balance(t, shortened_right_e, shorter);
+    } else if (o.is_empty(o.left(t)) || o.is_empty(o.right(t))) {
+      void* rest = o.is_empty(o.left(t)) ? o.right(t) : o.left(t);
+      if (!is_leaf_or_empty(rest)) QM_AVL_fatal("delete error");
+      *shorter = true;
+      return rest;
+    } else {
+      void* pred = nullptr;
+      void* new_left = delete_aux(o.left(t), &pred, shorter);
+      o.set_left(pred, new_left);
+      o.set_right(pred, o.right(t));
+      o.set_balance(pred, o.balance(t));
+      t = delete_balance(pred, shortened_left_e, shorter);
+    }
+    if (QM_AVL_assert_all_delete_ret_val && check(t) != 0) QM_AVL_fatal("all delete checkAvl");
+    return t;
+  }
+
+  void* lookup(void* t, void* k) const {
+    while (!o.is_empty(t)) {
+      int c = o.cmp(k, o.key(t));
+      if (c == 0) return t;
+      t = c < 0 ? o.left(t) : o.right(t);
+    }
+    return o.empty();
+  }
+
+  int count(void* t) const {
+    return o.is_empty(t) ? 0 : 1 + count(o.left(t)) + count(o.right(t));
+  }
+
+  void* nth(void* t, int x) const {
+    while (!o.is_empty(t)) {
+      int c = count(o.left(t));
+      if (c > x) {
+        t = o.left(t);
+      } else if (c == x) {
+        return t;
+      } else {
+        x -= c + 1;
+        t = o.right(t);
+      }
+    }
+    return o.empty();
+  }
+
+  // Height of a valid subtree, or -1.
+  int height(void* t) const {
+    if (o.is_empty(t)) return 0;
+    int l = height(o.left(t));
+    int r = height(o.right(t));
+    if (l < 0 || r < 0 || l - r > 1 || r - l > 1) return -1;
+    avl_balance_t want = l > r ? avl_left_high_e : l == r ? avl_equal_high_e : avl_right_high_e;
+    if (o.balance(t) != want) return -1;
+    return 1 + (l > r ? l : r);
+  }
+
+  int check(void* t) const { return height(t) < 0 ? -1 : 0; }
+
+  int traverse(void* t, int* stop, avl_iter_func_t f, void* arg) const {
+    if (o.is_empty(t) || *stop) return 0;
+    int r = traverse(o.left(t), stop, f, arg);
+    if (r != 0) return r;
+    if (*stop) return 0;
+    r = f(t, stop, arg);
+    if (r != 0 || *stop) return r;
+    return traverse(o.right(t), stop, f, arg);
+  }
+
+  // Unlike the full walk, a non-zero result inside a left subtree is dropped:
+  // only the stop flag ends the walk from there.
+  int traverse_range(void* t, void* start, void* end, int* stop, avl_iter_func_t f, void* arg) const {
+    if (o.is_empty(t)) return 0;
+    void* k = o.key(t);
+    if (!*stop && o.cmp(start, k) < 0) traverse_range(o.left(t), start, end, stop, f, arg);
+    if (*stop) return 0;
+    if (o.cmp(start, k) <= 0 && o.cmp(end, k) >= 0) {
+      int r = f(t, stop, arg);
+      if (r != 0) return r;
+    }
+    if (*stop || o.cmp(end, k) <= 0) return 0;
+    return traverse_range(o.right(t), start, end, stop, f, arg);
+  }
+};
+
+template <class O>
+inline void* insert(const O& o, void* root, void* n) {
+  bool taller = false;
+  void* r = Algo<O>{o}.insert(root, n, o.key(n), &taller);
+  if (QM_AVL_assert_insert && Algo<O>{o}.check(r) != 0) QM_AVL_fatal("insert checkAvl");
+  return r;
+}
+
+template <class O>
+inline void* remove(const O& o, void* root, void* key) {
+  bool shorter = false;
+  void* r = Algo<O>{o}.remove(root, key, &shorter);
+  if (QM_AVL_assert_delete && Algo<O>{o}.check(r) != 0) QM_AVL_fatal("delete checkAvl");
+  return r;
+}
+
+}  // namespace qm::avl

@@ -1,0 +1,413 @@
+#include "heap/heap_tables.h"
+
+#include <stdint.h>
+
+#include "base/assert.h"
+#include "base/avl_impl.h"
+#include "base/memory_manager.h"
+#include "base/page.h"
+#include "events/output.h"
+
+extern "C" {
+constinit heap_avl_info_t QM_HEAP_allocation_table = {};
+constinit heap_avl_info_t QM_HEAP_deallocation_table = {};
+constinit volatile int default_heap_table_inc_num_nodes = 8192;
+}
+
+#if defined(__i386__)
+static_assert(sizeof(allocation_record_t) == 52, "allocation record layout");
+static_assert(sizeof(heap_avl_node_t) == 64, "heap table node is 64 bytes on i386");
+#endif
+
+namespace {
+
+constexpr const char kFile[] = "../src/generic/heap_avl.c";
+
+constinit QM_pthread_mutex_t alloc_mutex = PTHREAD_MUTEX_INITIALIZER;
+constinit QM_pthread_mutex_t dealloc_mutex = PTHREAD_MUTEX_INITIALIZER;
+constinit int heap_tables_initialized = 0;
+
+using Node = heap_avl_node_t;
+inline Node* N(void* p) { return static_cast<Node*>(p); }
+inline uintptr_t U(const void* p) { return reinterpret_cast<uintptr_t>(p); }
+
+// Node access shared by every comparison; the key differs per method.
+struct NodeOps {
+  static bool is_empty(void* t) { return t == nullptr; }
+  static void* empty() { return nullptr; }
+  static void* left(void* n) { return N(n)->left; }
+  static void* right(void* n) { return N(n)->right; }
+  static avl_balance_t balance(void* n) { return N(n)->balance; }
+  static void set_left(void* n, void* t) { N(n)->left = N(t); }
+  static void set_right(void* n, void* t) { N(n)->right = N(t); }
+  static void set_balance(void* n, avl_balance_t b) { N(n)->balance = b; }
+};
+
+// Exact: the key is the block's address, compared unsigned.
+struct ExactOps : NodeOps {
+  static void* key(void* n) { return N(n)->allocation_record.addr; }
+  static int cmp(void* a, void* b) { return U(a) < U(b) ? -1 : U(a) > U(b) ? 1 : 0; }
+};
+
+// Address in record: the node key is the record; a zero-length record still
+// matches its own start address.
+struct NonExactOps : NodeOps {
+  static void* key(void* n) { return n; }
+  static int cmp(void* a, void* b) {
+    const allocation_record_t* r = &N(b)->allocation_record;
+    if (U(a) < U(r->addr)) return -1;
+    if (U(a) == U(r->addr)) return 0;
+    return U(a) < U(r->addr) + r->len ? 0 : 1;
+  }
+};
+
+// Region against record: 0 when they intersect.
+struct RegionOps : NodeOps {
+  static void* key(void* n) { return n; }
+  static int cmp(void* a, void* b) {
+    const region_t* g = static_cast<const region_t*>(a);
+    const allocation_record_t* r = &N(b)->allocation_record;
+    uintptr_t addr = U(r->addr);
+    if (U(g->limit) <= addr && U(g->base) != addr) return -1;
+    bool base_in_record = U(g->base) >= addr && U(g->base) < addr + r->len;
+    bool record_in_region = addr >= U(g->base) && addr < U(g->limit);
+    return base_in_record || record_in_region ? 0 : 1;
+  }
+};
+
+template <class O>
+struct Trampolines {
+  static int cmpKey(avl_key_t a, avl_key_t b) { return O::cmp(a, b); }
+  static int isEmpty(avl_tree_t t, avl_arg_t) { return O::is_empty(t); }
+  static avl_tree_t empty(avl_arg_t) { return nullptr; }
+  static avl_key_t getKey(avl_node_t n, avl_arg_t) { return O::key(n); }
+  static avl_tree_t getLeft(avl_node_t n, avl_arg_t) { return O::left(n); }
+  static avl_tree_t getRight(avl_node_t n, avl_arg_t) { return O::right(n); }
+  static avl_balance_t getBalance(avl_node_t n, avl_arg_t) { return O::balance(n); }
+  static void setLeft(avl_node_t n, avl_tree_t t, avl_arg_t) { O::set_left(n, t); }
+  static void setRight(avl_node_t n, avl_tree_t t, avl_arg_t) { O::set_right(n, t); }
+  static void setBalance(avl_node_t n, avl_balance_t b, avl_arg_t) { O::set_balance(n, b); }
+  static constexpr avl_ops_t table = {cmpKey, isEmpty, empty, getKey, getLeft, getRight,
+                                      getBalance, setLeft, setRight, setBalance};
+};
+
+constinit avl_ops_t exact_ops = Trampolines<ExactOps>::table;
+constinit avl_ops_t non_exact_ops = Trampolines<NonExactOps>::table;
+constinit avl_ops_t region_ops = Trampolines<RegionOps>::table;
+
+template <class O>
+using Algo = qm::avl::Algo<O>;
+
+void grow(heap_avl_info_t* t) {
+  int want = default_heap_table_inc_num_nodes;
+  if (want <= 0) QM_assert(0, "number of new avl nodes not greater than zero (%d)\n  ( %s.%d )\n", want, kFile, __LINE__);
+  size_t len = QM_pagesize_ceil(static_cast<size_t>(want) * sizeof(Node));
+  void* run = QM_page_alloc(len, mmt_hia_heap_avl_nodes);
+  QM_assert(run != nullptr, "unable to get region for new heap avl nodes\n");
+  t->fresh_nodes = static_cast<Node*>(run);
+  t->fresh_nodes_next = 0;
+  t->fresh_nodes_bound = static_cast<int>(len / sizeof(Node));
+}
+
+Node* take_node(heap_avl_info_t* t) {
+  if (t->free != nullptr) {
+    Node* n = t->free;
+    t->free = n->left;
+    return n;
+  }
+  if (t->fresh_nodes == nullptr || t->fresh_nodes_next >= t->fresh_nodes_bound) grow(t);
+  Node* n = &t->fresh_nodes[t->fresh_nodes_next++];
+  if (n == nullptr)
+    QM_assert(0, "unable to get new heap avl node for insertion of new record\n  ( %s.%d )\n", kFile, __LINE__);
+  return n;
+}
+
+void release_node(heap_avl_info_t* t, Node* n) {
+  n->right = nullptr;
+  n->left = t->free;
+  t->free = n;
+}
+
+alloc_rec_id_t insert(heap_avl_info_t* t, const allocation_record_t* rec) {
+  Node* n = take_node(t);
+  n->allocation_record = *rec;
+  t->root = N(qm::avl::insert(ExactOps{}, t->root, n));
+  ++t->num_records;
+  return n;
+}
+
+alloc_rec_id_t lookup(heap_avl_info_t* t, const void* addr, allocation_record_t* out, exact_lookup_e how) {
+  void* k = const_cast<void*>(addr);
+  Node* n = how == exact ? N(Algo<ExactOps>{ExactOps{}}.lookup(t->root, k))
+                         : N(Algo<NonExactOps>{NonExactOps{}}.lookup(t->root, k));
+  if (n != nullptr && out != nullptr) *out = n->allocation_record;
+  return n;
+}
+
+alloc_rec_id_t lookup_range(heap_avl_info_t* t, const void* addr, size_t len, allocation_record_t* out) {
+  region_t g = {addr, static_cast<const char*>(addr) + len};
+  Node* n = N(Algo<RegionOps>{RegionOps{}}.lookup(t->root, &g));
+  if (n != nullptr && out != nullptr) *out = n->allocation_record;
+  return n;
+}
+
+int remove(heap_avl_info_t* t, const void* addr) {
+  Node* n = N(Algo<ExactOps>{ExactOps{}}.lookup(t->root, const_cast<void*>(addr)));
+  if (n == nullptr) {
+    QM_HEAP_printf("address to be deleted not in heap avl table\n  ( %s.%d )\n", kFile, __LINE__);
+    return -1;
+  }
+  t->root = N(qm::avl::remove(ExactOps{}, t->root, n->allocation_record.addr));
+  release_node(t, n);
+  --t->num_records;
+  return 0;
+}
+
+struct IterArg {
+  ht_iter_func_t f;
+  void* arg;
+};
+
+int iter_trampoline(avl_node_t n, int* stop, void* a) {
+  auto* ia = static_cast<IterArg*>(a);
+  return ia->f(&N(n)->allocation_record, stop, ia->arg);
+}
+
+int iterate(heap_avl_info_t* t, ht_iter_func_t f, void* arg) {
+  if (f == nullptr) return -1;
+  IterArg ia = {f, arg};
+  int stop = 0;
+  return Algo<ExactOps>{ExactOps{}}.traverse(t->root, &stop, iter_trampoline, &ia);
+}
+
+// Post-order walk of the detached tree: a node's children are read before
+// the node is re-inserted (which overwrites its links).
+int filter_walk(heap_avl_info_t* t, Node* n, ht_filter_func_t f, void* arg, int* stopped) {
+  if (n == nullptr) return 0;
+  Node* l = n->left;
+  Node* r = n->right;
+  int res = filter_walk(t, l, f, arg, stopped);
+  if (res != 0) return res;
+  res = filter_walk(t, r, f, arg, stopped);
+  if (res != 0) return res;
+  ht_filter_arg_t farg = {0, 0};
+  if (!*stopped) {
+    res = f(n, &farg, arg);
+    if (res != 0) return res;
+    *stopped = farg.stop_iterating;
+  }
+  if (farg.delete_it) {
+    release_node(t, n);
+  } else {
+    t->root = N(qm::avl::insert(ExactOps{}, t->root, n));
+    ++t->num_records;
+  }
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+constinit avl_ops_t* QM_HEAP_lookup_method_ops[3] = {};
+
+int QM_HEAP_init_heap_tables() {
+  if (heap_tables_initialized) return 0;
+  QM_HEAP_lookup_method_ops[lookup_exact] = &exact_ops;
+  QM_HEAP_lookup_method_ops[lookup_non_exact] = &non_exact_ops;
+  QM_HEAP_lookup_method_ops[lookup_region] = &region_ops;
+  QM_HEAP_allocation_table = {};
+  QM_HEAP_deallocation_table = {};
+  heap_tables_initialized = 1;
+  return 0;
+}
+
+const char* QM_HEAP_alloc_rec_flag_to_str(int flag) {
+  switch (flag) {
+    case af_op_in_progress: return "Operation in Progress";
+    case af_notify_dealloc: return "Stop When Deallocated";
+    case af_notify_realloc: return "Stop When Reallocated";
+    case af_paint_on_dealloc: return "Paint When Deallocated";
+    case af_dont_free_on_dealloc: return "Hoard When Deallocated";
+    case af_hoarded: return "Hoarded";
+    default: return "?";
+  }
+}
+
+alloc_rec_id_t QM_HEAP_insert_allocation_record(const allocation_record_t* rec) {
+  return insert(&QM_HEAP_allocation_table, rec);
+}
+alloc_rec_id_t QM_HEAP_lookup_allocation_record(const void* addr, allocation_record_t* rec_out,
+                                                exact_lookup_e exact_lookup) {
+  return lookup(&QM_HEAP_allocation_table, addr, rec_out, exact_lookup);
+}
+alloc_rec_id_t QM_HEAP_lookup_allocation_range_record(const void* addr, size_t len,
+                                                      allocation_record_t* rec_out) {
+  return lookup_range(&QM_HEAP_allocation_table, addr, len, rec_out);
+}
+int QM_HEAP_remove_allocation_record(const void* addr) { return remove(&QM_HEAP_allocation_table, addr); }
+int QM_HEAP_get_num_records_in_allocation_table() { return QM_HEAP_allocation_table.num_records; }
+
+int QM_HEAP_get_allocation_record_by_id(alloc_rec_id_t id, allocation_record_t* rec_out) {
+  if (id == nullptr || rec_out == nullptr) return -1;
+  *rec_out = id->allocation_record;
+  return 0;
+}
+int QM_HEAP_set_alloc_len_by_id(alloc_rec_id_t id, size_t len) {
+  if (id == nullptr) return -1;
+  id->allocation_record.len = len;
+  return 0;
+}
+int QM_HEAP_set_alloc_flags_by_id(alloc_rec_id_t id, int flags) {
+  if (id == nullptr) return -1;
+  id->allocation_record.flags = id->allocation_record.flags | flags;
+  return 0;
+}
+int QM_HEAP_clear_alloc_flags_by_id(alloc_rec_id_t id, int flags) {
+  if (id == nullptr) return -1;
+  id->allocation_record.flags = id->allocation_record.flags & ~flags;
+  return 0;
+}
+int QM_HEAP_set_alloc_control_info_by_id(alloc_rec_id_t id, void* control_info) {
+  if (id == nullptr) return -1;
+  id->allocation_record.control_info = control_info;
+  return 0;
+}
+
+// Copies the selected fields; a changed address re-keys the record.
+int QM_HEAP_set_alloc_fields_by_id(alloc_rec_id_t id, const allocation_record_t* rec, int fields) {
+  if (id == nullptr || rec == nullptr) return -1;
+  allocation_record_t* r = &id->allocation_record;
+  if ((fields & ar_field_addr) && r->addr != rec->addr) {
+    heap_avl_info_t* t = &QM_HEAP_allocation_table;
+    t->root = N(qm::avl::remove(ExactOps{}, t->root, r->addr));
+    r->addr = rec->addr;
+    t->root = N(qm::avl::insert(ExactOps{}, t->root, id));
+  }
+  if (fields & ar_field_len) r->len = rec->len;
+  if (fields & ar_field_backtrace_id) r->backtrace_id = rec->backtrace_id;
+  if (fields & ar_field_thread_id) r->thread_id = rec->thread_id;
+  if (fields & ar_field_flags) r->flags = rec->flags;
+  if (fields & ar_field_org_addr) r->org_addr = rec->org_addr;
+  if (fields & ar_field_org_len) r->org_len = rec->org_len;
+  if (fields & ar_field_org_backtrace_id) r->org_backtrace_id = rec->org_backtrace_id;
+  if (fields & ar_field_control_info) r->control_info = rec->control_info;
+  return 0;
+}
+
+int QM_HEAP_check_allocation_table() {
+  return Algo<ExactOps>{ExactOps{}}.check(QM_HEAP_allocation_table.root);
+}
+
+int QM_HEAP_iterate_over_allocation_table(ht_iter_func_t f, void* arg) {
+  return iterate(&QM_HEAP_allocation_table, f, arg);
+}
+
+int QM_HEAP_iterate_over_allocation_table_range(ht_iter_func_t f, void* arg, const void* start,
+                                                const void* limit) {
+  if (f == nullptr) return -1;
+  IterArg ia = {f, arg};
+  int stop = 0;
+  return Algo<ExactOps>{ExactOps{}}.traverse_range(QM_HEAP_allocation_table.root, const_cast<void*>(start),
+                                                   const_cast<void*>(limit), &stop, iter_trampoline, &ia);
+}
+
+int QM_HEAP_init_allocation_table_iterator(allocation_table_iterator_t* it) {
+  if (it == nullptr) return -1;
+  it->curr_pos = 0;
+  return 0;
+}
+
+int QM_HEAP_is_more_allocation_table_records(allocation_table_iterator_t* it) {
+  return it != nullptr && it->curr_pos < QM_HEAP_allocation_table.num_records;
+}
+
+int QM_HEAP_next_allocation_table_record(allocation_table_iterator_t* it, allocation_record_t* rec_out) {
+  if (!QM_HEAP_is_more_allocation_table_records(it)) return 0;
+  Node* n = N(Algo<ExactOps>{ExactOps{}}.nth(QM_HEAP_allocation_table.root, it->curr_pos));
+  if (n == nullptr) return 0;
+  ++it->curr_pos;
+  if (rec_out != nullptr) *rec_out = n->allocation_record;
+  return 1;
+}
+
+int QM_HEAP_ht_alloc_filter(ht_filter_func_t f, void* arg) {
+  if (f == nullptr) return -1;
+  heap_avl_info_t* t = &QM_HEAP_allocation_table;
+  Node* old = t->root;
+  t->root = nullptr;
+  t->num_records = 0;
+  int stopped = 0;
+  return filter_walk(t, old, f, arg, &stopped);
+}
+
+alloc_rec_id_t QM_HEAP_insert_deallocation_record(const allocation_record_t* rec) {
+  return insert(&QM_HEAP_deallocation_table, rec);
+}
+alloc_rec_id_t QM_HEAP_lookup_deallocation_record(const void* addr, allocation_record_t* rec_out,
+                                                  exact_lookup_e exact_lookup) {
+  return lookup(&QM_HEAP_deallocation_table, addr, rec_out, exact_lookup);
+}
+alloc_rec_id_t QM_HEAP_lookup_deallocation_range_record(const void* addr, size_t len,
+                                                        allocation_record_t* rec_out) {
+  return lookup_range(&QM_HEAP_deallocation_table, addr, len, rec_out);
+}
+int QM_HEAP_remove_deallocation_record(const void* addr) { return remove(&QM_HEAP_deallocation_table, addr); }
+int QM_HEAP_get_num_records_in_deallocation_table() { return QM_HEAP_deallocation_table.num_records; }
+
+int QM_HEAP_set_dealloc_addr_len_by_id(alloc_rec_id_t id, void* p, size_t len) {
+  if (id == nullptr) return -1;
+  allocation_record_t* r = &id->allocation_record;
+  if (r->addr != p) {
+    heap_avl_info_t* t = &QM_HEAP_deallocation_table;
+    t->root = N(qm::avl::remove(ExactOps{}, t->root, r->addr));
+    r->addr = p;
+    t->root = N(qm::avl::insert(ExactOps{}, t->root, id));
+  }
+  r->len = len;
+  return 0;
+}
+int QM_HEAP_set_dealloc_flags_by_id(alloc_rec_id_t id, int flags) { return QM_HEAP_set_alloc_flags_by_id(id, flags); }
+int QM_HEAP_clear_dealloc_flags_by_id(alloc_rec_id_t id, int flags) {
+  return QM_HEAP_clear_alloc_flags_by_id(id, flags);
+}
+
+int QM_HEAP_check_deallocation_table() {
+  return Algo<ExactOps>{ExactOps{}}.check(QM_HEAP_deallocation_table.root);
+}
+
+int QM_HEAP_iterate_over_deallocation_table(ht_iter_func_t f, void* arg) {
+  return iterate(&QM_HEAP_deallocation_table, f, arg);
+}
+
+int QM_HEAP_ht_alloc_read_lock() { return qm::mutex_lock(&alloc_mutex); }
+int QM_HEAP_ht_alloc_read_unlock() { return qm::mutex_unlock(&alloc_mutex); }
+int QM_HEAP_ht_alloc_write_lock() { return qm::mutex_lock(&alloc_mutex); }
+int QM_HEAP_ht_alloc_write_unlock() { return qm::mutex_unlock(&alloc_mutex); }
+int QM_HEAP_ht_dealloc_read_lock() { return qm::mutex_lock(&dealloc_mutex); }
+int QM_HEAP_ht_dealloc_read_unlock() { return qm::mutex_unlock(&dealloc_mutex); }
+int QM_HEAP_ht_dealloc_write_lock() { return qm::mutex_lock(&dealloc_mutex); }
+int QM_HEAP_ht_dealloc_write_unlock() { return qm::mutex_unlock(&dealloc_mutex); }
+int QM_HEAP_ht_alloc_cond_wait(QM_pthread_cond_t* cond) { return QM_pthread_cond_wait(cond, &alloc_mutex); }
+
+void QM_HEAP_ht_atfork_prepare() {
+  qm::mutex_lock(&alloc_mutex);
+  qm::mutex_lock(&dealloc_mutex);
+}
+void QM_HEAP_ht_atfork_parent() {
+  qm::mutex_unlock(&dealloc_mutex);
+  qm::mutex_unlock(&alloc_mutex);
+}
+void QM_HEAP_ht_atfork_child() {
+  qm::mutex_unlock(&dealloc_mutex);
+  qm::mutex_unlock(&alloc_mutex);
+}
+
+void* QM_HEAP_ht_get_alloc_base_addr(const allocation_record_t* rec) {
+  if (rec == nullptr) return nullptr;
+  if (rec->guard_id != 0)
+    QM_assert(0, "lookup of guard id %d failed\n  (%s.%d)\n", rec->guard_id, kFile, __LINE__);
+  return rec->addr;
+}
+
+}  // extern "C"

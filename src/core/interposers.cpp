@@ -75,9 +75,18 @@ inline auto enter(QM_HEAP_heap_op_e op, const char* name, Body body, Direct dire
   if (QM_LIKELY(a.num_times_entered == 1)) {
     c_owner_t* c = reinterpret_cast<c_owner_t*>(owner);
     c->funcs->start_op(c);
+    decltype(body(&a)) r;
     qm::setup_caller_state(&a.caller_info);
-    auto r = body(&a);
-    qm::finish_caller_state(&a.caller_info);
+    if (local.want_cleanup_handler) {
+      // Leaves the agent and restores the cancellation state also when a
+      // cancellation unwinds through the body.
+      QM_thread_cleanup_push(interposer_finish_cleanup_handler, &a.caller_info);
+      r = body(&a);
+      QM_thread_cleanup_pop(1);
+    } else {
+      r = body(&a);
+      qm::finish_caller_state(&a.caller_info);
+    }
     c->funcs->finish_op(c);
     return r;
   }

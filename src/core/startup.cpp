@@ -5,6 +5,7 @@
 #include "core/entry.h"
 #include "core/owners.h"
 #include "events/output.h"
+#include "heap/heap_tables.h"
 #include "threads/reentrancy.h"
 #include "threads/thread_utils.h"
 
@@ -42,6 +43,7 @@ int do_init_phase_00_00() {
   if (done_init_phase_00_00) return done_init_phase_00_00;
   done_init_phase_00_00 = 1;
   QM_thread_bind_library();
+  QM_HEAP_init_heap_tables();
   QM_HEAP_om_initialize();
   QM_HEAP_am_initialize();
   return 1;
@@ -77,6 +79,7 @@ int do_init_phase_01() {
 // reverse order, in parent and child alike.
 void heap_ia_atfork_prepare() {
   QM_HEAP_io_lock_io_mutex();
+  QM_HEAP_ht_atfork_prepare();
   QM_HEAP_om_atfork_prepare();
   QM_HEAP_c_owner_atfork_prepare();
 }
@@ -84,12 +87,14 @@ void heap_ia_atfork_prepare() {
 void heap_ia_atfork_parent() {
   QM_HEAP_c_owner_atfork_parent();
   QM_HEAP_om_atfork_parent();
+  QM_HEAP_ht_atfork_parent();
   QM_HEAP_io_unlock_io_mutex();
 }
 
 void heap_ia_atfork_child() {
   QM_HEAP_c_owner_atfork_child();
   QM_HEAP_om_atfork_child();
+  QM_HEAP_ht_atfork_child();
   QM_HEAP_io_unlock_io_mutex();
 }
 

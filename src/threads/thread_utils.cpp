@@ -5,6 +5,7 @@
 #include "base/assert.h"
 #include "base/export.h"
 #include "base/memory_manager.h"
+#include "base/page.h"
 #include "threads/reentrancy.h"
 
 extern "C" {
@@ -53,9 +54,9 @@ void register_own_handlers() {
   fns.register_atfork(run_prepare, run_parent, run_child, &own_dso_handle);
 }
 
-// Locks that live below the heap agent: taken last in prepare, in this order
-// (reentrancy table before page memory, since growing the reentrancy table
-// allocates pages under its lock).
+// Locks that live below the heap agent, registered first so that prepare
+// takes them last: waiter pool, reentrancy table, page memory (the first two
+// allocate pages under their locks).
 constinit QM_thread_atfork_handlers_t memory_manager_handlers = {
     QM_memory_manager_atfork_prepare, QM_memory_manager_atfork_post,
     QM_memory_manager_atfork_post, fhs_active, 0, nullptr, nullptr};
@@ -64,6 +65,16 @@ constinit QM_thread_atfork_handlers_t reentrancy_handlers = {
     QM_thread_enter_ia_atfork_child, fhs_active, 0, nullptr, nullptr};
 
 inline bool locking() { return bound && qm::is_multi_threaded(); }
+
+// Condition-waiter objects: a free list over runs of agent pages.
+constinit QM_pthread_mutex_t waiters_mutex = PTHREAD_MUTEX_INITIALIZER;
+constinit QM_cond_waiters_t* waiters_free = nullptr;
+
+void waiters_atfork_prepare() { qm::mutex_lock(&waiters_mutex); }
+void waiters_atfork_post() { qm::mutex_unlock(&waiters_mutex); }
+
+constinit QM_thread_atfork_handlers_t waiters_handlers = {
+    waiters_atfork_prepare, waiters_atfork_post, waiters_atfork_post, fhs_active, 0, nullptr, nullptr};
 
 }  // namespace
 
@@ -102,6 +113,7 @@ int QM_thread_utils_initializer() {
   QM_thread_bind_library();
   QM_thread_atfork_register_handlers(&memory_manager_handlers);
   QM_thread_atfork_register_handlers(&reentrancy_handlers);
+  QM_thread_atfork_register_handlers(&waiters_handlers);
   register_own_handlers();
   initializer_done = 1;
   return 0;
@@ -133,6 +145,34 @@ int QM_thread_disable_cancel(int* old_cancelstate) {
 int QM_thread_restore_cancelstate(int old_cancelstate) {
   int ignored;
   return QM_pthread_setcancelstate(old_cancelstate, &ignored);
+}
+
+QM_cond_waiters_t* QM_thread_new_cond_waiters_t() {
+  qm::mutex_lock(&waiters_mutex);
+  if (waiters_free == nullptr) {
+    size_t len = QM_getpagesize();
+    auto* run = static_cast<QM_cond_waiters_t*>(QM_page_alloc(len, mmt_threads_cond_waiters_table));
+    size_t n = len / sizeof(QM_cond_waiters_t);
+    for (size_t i = 0; i < n; ++i) run[i].next_free = i + 1 < n ? &run[i + 1] : nullptr;
+    waiters_free = run;
+  }
+  QM_cond_waiters_t* w = waiters_free;
+  waiters_free = w->next_free;
+  qm::mutex_unlock(&waiters_mutex);
+  w->num_waiters = 0;
+  w->finished = 0;
+  w->cond = QM_pthread_cond_t{};
+  w->next_free = nullptr;
+  return w;
+}
+
+int QM_thread_delete_cond_waiters_t(QM_cond_waiters_t* w) {
+  if (w == nullptr) return -1;
+  qm::mutex_lock(&waiters_mutex);
+  w->next_free = waiters_free;
+  waiters_free = w;
+  qm::mutex_unlock(&waiters_mutex);
+  return 0;
 }
 
 int QM_thread_atfork_register_handlers(QM_thread_atfork_handlers_t* h) {

@@ -59,6 +59,25 @@ typedef struct QM_thread_state_t {
 
 extern QM_thread_state_t QM_thread_state;
 
+// A condition variable with a waiter count and a finished flag, hung on a
+// block's record while threads wait for an operation on it. Taken from agent
+// pages and recycled; never from the watched heap.
+typedef struct QM_cond_waiters_t {
+  int num_waiters;
+  int finished;
+  QM_pthread_cond_t cond;
+  struct QM_cond_waiters_t* next_free;
+} QM_cond_waiters_t;
+
+// A fresh object (no waiters, not finished), or null when no page could be had.
+QM_cond_waiters_t* QM_thread_new_cond_waiters_t();
+int QM_thread_delete_cond_waiters_t(QM_cond_waiters_t* w);
+
+// Thread-cancellation clean-up around an operation (the C library's own
+// mechanism: it also runs when a cancellation unwinds through the frame).
+#define QM_thread_cleanup_push(routine, arg) pthread_cleanup_push(routine, arg)
+#define QM_thread_cleanup_pop(execute) pthread_cleanup_pop(execute)
+
 // A link of the fork-handler chain. Prepare handlers run last-registered
 // first; parent and child handlers first-registered first, so that locks are
 // released in the reverse of the order in which they were taken.

@@ -1,9 +1,11 @@
 // One-time start-up in phases, and shut-down.
 #include "base/assert.h"
 #include "base/export.h"
+#include "config/runtime_config.h"
 #include "core/binding.h"
 #include "core/entry.h"
 #include "core/owners.h"
+#include "events/events.h"
 #include "events/output.h"
 #include "heap/heap_tables.h"
 #include "threads/reentrancy.h"
@@ -33,17 +35,13 @@ constinit int malloc_interposer_init_has_been_called = 0;
 
 constinit QM_thread_atfork_handlers_t heap_ia_atfork_handlers = {};
 
-// The configuration may be read once the load hook has started, or when the
-// C library's own start-up is not in progress.
-int may_read_runtime_config() {
-  return QM_IA_has_ia_initializer_started() || !QM_IA_has_libc_malloc_pthread_startup_started();
-}
-
 int do_init_phase_00_00() {
   if (done_init_phase_00_00) return done_init_phase_00_00;
   done_init_phase_00_00 = 1;
   QM_thread_bind_library();
+  QM_HEAP_runtime_config_initialize();
   QM_HEAP_init_heap_tables();
+  QM_HEAP_mpi_initialize();
   QM_HEAP_om_initialize();
   QM_HEAP_am_initialize();
   return 1;
@@ -65,11 +63,17 @@ int do_init_phase_00() {
 
 int do_init_phase_01() {
   if (done_init_phase_01 == 0) {
-    done_init_phase_01 = may_read_runtime_config();
+    done_init_phase_01 = QM_HEAP_may_read_runtime_config();
     if (!done_init_phase_01) return 0;
-    if (QM_HEAP_get_verbosity() > 1)
+    QM_HEAP_read_runtime_config();
+    if (QM_HEAP_get_verbosity() > 1 || QM_HEAP_co_is_emit_for_key(co_announce_starting))
       QM_HEAP_printf("STARTING malloc interposition (version %d.%03d)\n", QM_HEAP_version_major,
                      QM_HEAP_version_minor);
+    // A debugger stopped at this event may still change the settings.
+    QM_HEAP_event_info_t e = {};
+    e.event = qm_heap_event_startup_config_done;
+    e.op = qm_heap_op_nop;
+    QM_HEAP_notify_event(&e);
     QM_HEAP_startup_config_done = 1;
   }
   return done_init_phase_01;
@@ -79,6 +83,7 @@ int do_init_phase_01() {
 // reverse order, in parent and child alike.
 void heap_ia_atfork_prepare() {
   QM_HEAP_io_lock_io_mutex();
+  QM_HEAP_event_core_atfork_prepare();
   QM_HEAP_ht_atfork_prepare();
   QM_HEAP_om_atfork_prepare();
   QM_HEAP_c_owner_atfork_prepare();
@@ -88,6 +93,7 @@ void heap_ia_atfork_parent() {
   QM_HEAP_c_owner_atfork_parent();
   QM_HEAP_om_atfork_parent();
   QM_HEAP_ht_atfork_parent();
+  QM_HEAP_event_core_atfork_parent();
   QM_HEAP_io_unlock_io_mutex();
 }
 
@@ -95,6 +101,7 @@ void heap_ia_atfork_child() {
   QM_HEAP_c_owner_atfork_child();
   QM_HEAP_om_atfork_child();
   QM_HEAP_ht_atfork_child();
+  QM_HEAP_event_core_atfork_child();
   QM_HEAP_io_unlock_io_mutex();
 }
 
@@ -126,6 +133,7 @@ QM_EXPORT void QM_HEAP_malloc_interposer_init() {
   QM_HEAP_volatile_int = QM_HEAP_version_point;
   QM_HEAP_volatile_int = QM_HEAP_version_service;
   do_initialization();
+  QM_HEAP_runtime_config_init_section_initializer();
   QM_thread_utils_initializer();
   heap_ia_atfork_handlers.prepare = heap_ia_atfork_prepare;
   heap_ia_atfork_handlers.parent = heap_ia_atfork_parent;
@@ -134,7 +142,7 @@ QM_EXPORT void QM_HEAP_malloc_interposer_init() {
   if (QM_thread_atfork_register_handlers(&heap_ia_atfork_handlers) != 0)
     QM_assert(0, "Error registering heap_ia atfork handlers in QM_HEAP_malloc_interposer_init "
                  "(../malloc_interposers.c)\n");
-  if (QM_HEAP_zero != 0 || QM_HEAP_get_verbosity() >= 2)
+  if (QM_HEAP_zero != 0 || QM_HEAP_get_verbosity() >= 2 || QM_HEAP_co_is_emit_for_key(co_announce_starting))
     QM_HEAP_printf("QM distribution: %s\n", QM_get_qm_distribution());
   QM_leave_ia();
 }
@@ -146,7 +154,12 @@ QM_EXPORT void QM_HEAP_malloc_interposer_fini() {
   op_arg.rp = &local;
   op_arg.num_times_entered = QM_enter_ia(reinterpret_cast<void**>(&op_arg.rp));
   setup_reentry_info(&op_arg, &local);
-  if (QM_HEAP_get_verbosity() > 1) QM_HEAP_printf("FINISHING malloc interposition\n");
+  if (QM_HEAP_get_verbosity() > 1 || QM_HEAP_co_is_emit_for_key(co_announce_terminating))
+    QM_HEAP_printf("FINISHING malloc interposition\n");
+  QM_HEAP_event_info_t e = {};
+  e.event = qm_heap_event_termination_notification;
+  e.op = qm_heap_op_fini;
+  QM_HEAP_notify_event(&e);
   QM_leave_ia();
 }
 

@@ -7,6 +7,7 @@
 
 #include "base/export.h"
 #include "core/binding.h"
+#include "core/bodies.h"
 #include "core/entry.h"
 #include "core/owners.h"
 #include "threads/reentrancy.h"
@@ -27,36 +28,6 @@ namespace {
 // constructor, say) initialises the agent itself.
 inline void check_interposers_initialized(const char* /*op*/) {
   if (QM_UNLIKELY(!malloc_interposers_initialized)) do_initialization();
-}
-
-// The bodies: the allocator in charge serves the request.
-void* malloc_body(op_body_arg_t* a, size_t len) {
-  allocator_t* al = qm::owner_allocator(a->owner);
-  return al->funcs->malloc(al, a->owner, len);
-}
-void free_body(op_body_arg_t* a, void* p) {
-  allocator_t* al = qm::owner_allocator(a->owner);
-  al->funcs->free(al, a->owner, p);
-}
-void* realloc_body(op_body_arg_t* a, void* p, size_t len) {
-  allocator_t* al = qm::owner_allocator(a->owner);
-  return al->funcs->realloc(al, a->owner, p, len);
-}
-void* calloc_body(op_body_arg_t* a, size_t n, size_t s) {
-  allocator_t* al = qm::owner_allocator(a->owner);
-  return al->funcs->calloc(al, a->owner, n, s);
-}
-void* memalign_body(op_body_arg_t* a, size_t b, size_t len) {
-  allocator_t* al = qm::owner_allocator(a->owner);
-  return al->funcs->memalign(al, a->owner, b, len);
-}
-int posix_memalign_body(op_body_arg_t* a, void** p, size_t al_, size_t len) {
-  allocator_t* al = qm::owner_allocator(a->owner);
-  return al->funcs->posix_memalign(al, a->owner, p, al_, len);
-}
-void* valloc_body(op_body_arg_t* a, size_t len) {
-  allocator_t* al = qm::owner_allocator(a->owner);
-  return al->funcs->valloc(al, a->owner, len);
 }
 
 // The entry protocol shared by all seven interposers. body runs the operation

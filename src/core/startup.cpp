@@ -3,6 +3,7 @@
 #include "base/export.h"
 #include "config/runtime_config.h"
 #include "core/binding.h"
+#include "core/bodies.h"
 #include "core/entry.h"
 #include "core/owners.h"
 #include "events/events.h"
@@ -38,6 +39,8 @@ constinit QM_thread_atfork_handlers_t heap_ia_atfork_handlers = {};
 int do_init_phase_00_00() {
   if (done_init_phase_00_00) return done_init_phase_00_00;
   done_init_phase_00_00 = 1;
+  QM_HEAP_alignment_default = QM_HEAP_get_default_alignment();
+  QM_HEAP_alignment_valloc = QM_HEAP_get_valloc_alignment();
   QM_thread_bind_library();
   QM_HEAP_runtime_config_initialize();
   QM_HEAP_init_heap_tables();
@@ -81,33 +84,80 @@ int do_init_phase_01() {
 
 // Fork: the agent's locks are taken in one fixed order and released in the
 // reverse order, in parent and child alike.
-void heap_ia_atfork_prepare() {
+void lock_all_mutexes() {
+  lock_op_counts();
   QM_HEAP_io_lock_io_mutex();
+}
+
+void unlock_all_mutexes() {
+  QM_HEAP_io_unlock_io_mutex();
+  unlock_op_counts();
+}
+
+void heap_ia_atfork_prepare() {
+  lock_all_mutexes();
   QM_HEAP_event_core_atfork_prepare();
   QM_HEAP_ht_atfork_prepare();
   QM_HEAP_om_atfork_prepare();
   QM_HEAP_c_owner_atfork_prepare();
+  QM_HEAP_generation_atfork_prepare();
 }
 
 void heap_ia_atfork_parent() {
+  QM_HEAP_generation_atfork_parent();
   QM_HEAP_c_owner_atfork_parent();
   QM_HEAP_om_atfork_parent();
   QM_HEAP_ht_atfork_parent();
   QM_HEAP_event_core_atfork_parent();
-  QM_HEAP_io_unlock_io_mutex();
+  unlock_all_mutexes();
 }
 
 void heap_ia_atfork_child() {
+  QM_HEAP_generation_atfork_child();
   QM_HEAP_c_owner_atfork_child();
   QM_HEAP_om_atfork_child();
   QM_HEAP_ht_atfork_child();
   QM_HEAP_event_core_atfork_child();
-  QM_HEAP_io_unlock_io_mutex();
+  unlock_all_mutexes();
 }
 
 }  // namespace
 
 extern "C" {
+
+void dump_allocation_table(int need_to_lock) {
+  QM_HEAP_printf("ALLOCATION TABLE --- START\n");
+  allocation_table_iterator_t it;
+  if (QM_HEAP_init_allocation_table_iterator(&it) != 0) {
+    QM_HEAP_printf("error initializing iterator\n");
+  } else {
+    if (need_to_lock) QM_HEAP_ht_alloc_read_lock();
+    allocation_record_t r;
+    while (QM_HEAP_next_allocation_table_record(&it, &r) == 1)
+      QM_HEAP_printf("%*p %14d\n", 10, r.addr, static_cast<int>(r.len));
+    if (need_to_lock) QM_HEAP_ht_alloc_read_unlock();
+  }
+  QM_HEAP_printf("ALLOCATION TABLE --- END\n");
+}
+
+// The valloc and memalign lines print the realloc counters: the report has
+// always read so, and tools compare against it.
+void dump_op_counts(int need_to_lock) {
+  if (need_to_lock) lock_op_counts();
+  static constexpr struct {
+    const char* name;
+    QM_HEAP_op_count_t* counts;
+  } kLines[] = {{"calloc", &QM_HEAP_calloc_op_counts},   {"free", &QM_HEAP_free_op_counts},
+                {"malloc", &QM_HEAP_malloc_op_counts},   {"realloc", &QM_HEAP_realloc_op_counts},
+                {"valloc", &QM_HEAP_realloc_op_counts},  {"memalign", &QM_HEAP_realloc_op_counts}};
+  for (const auto& l : kLines) QM_HEAP_printf("%9d %8s (%9d errors)\n", l.counts->ops, l.name, l.counts->errors);
+  if (need_to_lock) {
+    unlock_op_counts();
+    QM_HEAP_ht_alloc_read_lock();
+  }
+  QM_HEAP_printf("number of outstanding allocations: %9d\n", QM_HEAP_get_num_records_in_allocation_table());
+  if (need_to_lock) QM_HEAP_ht_alloc_read_unlock();
+}
 
 void do_initialization() {
   if (malloc_interposers_initialized) return;
@@ -156,6 +206,11 @@ QM_EXPORT void QM_HEAP_malloc_interposer_fini() {
   setup_reentry_info(&op_arg, &local);
   if (QM_HEAP_get_verbosity() > 1 || QM_HEAP_co_is_emit_for_key(co_announce_terminating))
     QM_HEAP_printf("FINISHING malloc interposition\n");
+  if (QM_HEAP_get_dump_allocation_table_on_exit()) {
+    QM_HEAP_printf("remaining allocated blocks\n");
+    dump_allocation_table(0);
+    dump_op_counts(0);
+  }
   QM_HEAP_event_info_t e = {};
   e.event = qm_heap_event_termination_notification;
   e.op = qm_heap_op_fini;

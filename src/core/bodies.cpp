@@ -1,0 +1,699 @@
+// The operation bodies. Table work happens under the allocation-table lock;
+// the events it finds are queued and dispatched after the lock is released,
+// so that the console, the debugger and the exit actions never run with a
+// table lock held (the fork handlers take the output lock first).
+//
+// A block's old address must never be handed out by the allocator while a
+// live record still claims it, or a concurrent allocation of that address
+// would look like a double allocation: free updates the tables before the
+// allocator sees the block, and realloc holds the table lock across the
+// allocator's call.
+#include "core/bodies.h"
+
+#include <errno.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "base/assert.h"
+#include "base/page.h"
+#include "core/owners.h"
+#include "events/events.h"
+#include "events/output.h"
+#include "heap/controls.h"
+#include "heap/heap_tables.h"
+#include "threads/thread_utils.h"
+
+extern "C" {
+
+#define QM_OP_COUNT_INIT {PTHREAD_MUTEX_INITIALIZER, 0, 0}
+constinit QM_HEAP_op_count_t QM_HEAP_calloc_op_counts = QM_OP_COUNT_INIT;
+constinit QM_HEAP_op_count_t QM_HEAP_free_op_counts = QM_OP_COUNT_INIT;
+constinit QM_HEAP_op_count_t QM_HEAP_malloc_op_counts = QM_OP_COUNT_INIT;
+constinit QM_HEAP_op_count_t QM_HEAP_realloc_op_counts = QM_OP_COUNT_INIT;
+constinit QM_HEAP_op_count_t QM_HEAP_valloc_op_counts = QM_OP_COUNT_INIT;
+constinit QM_HEAP_op_count_t QM_HEAP_memalign_op_counts = QM_OP_COUNT_INIT;
+constinit QM_HEAP_op_count_t QM_HEAP_posix_memalign_op_counts = QM_OP_COUNT_INIT;
+constinit QM_HEAP_op_count_t QM_HEAP_malloc_zone_from_ptr_op_counts = QM_OP_COUNT_INIT;
+constinit QM_HEAP_op_count_t QM_HEAP_malloc_size_op_counts = QM_OP_COUNT_INIT;
+#undef QM_OP_COUNT_INIT
+
+constinit size_t QM_HEAP_alignment_default = 16;
+constinit size_t QM_HEAP_alignment_valloc = 4096;
+constinit volatile int QM_HEAP_generation = 0;
+
+}  // extern "C"
+
+namespace {
+
+constexpr const char kFile[] = "../malloc_interposers.c";
+
+constinit QM_pthread_mutex_t* const op_count_mutexes[] = {
+    &QM_HEAP_calloc_op_counts.mutex,   &QM_HEAP_free_op_counts.mutex,
+    &QM_HEAP_malloc_op_counts.mutex,   &QM_HEAP_realloc_op_counts.mutex,
+    &QM_HEAP_valloc_op_counts.mutex,   &QM_HEAP_memalign_op_counts.mutex,
+    &QM_HEAP_posix_memalign_op_counts.mutex, &QM_HEAP_malloc_zone_from_ptr_op_counts.mutex,
+    &QM_HEAP_malloc_size_op_counts.mutex};
+constexpr int num_op_count_mutexes = sizeof op_count_mutexes / sizeof *op_count_mutexes;
+
+constinit QM_pthread_mutex_t generation_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+inline uintptr_t U(const void* p) { return reinterpret_cast<uintptr_t>(p); }
+
+// Events found under a lock, raised after it.
+struct EventQueue {
+  static constexpr int kCapacity = 8;
+  QM_HEAP_event_info_t ev[kCapacity];
+  int n = 0;
+
+  QM_HEAP_event_info_t& add(QM_HEAP_event_e e, QM_HEAP_heap_op_e op) {
+    QM_assert(n < kCapacity, "%s.%d: too many events for one operation\n", kFile, __LINE__);
+    QM_HEAP_event_info_t& x = ev[n++];
+    x = QM_HEAP_event_info_t{};
+    x.event = e;
+    x.op = op;
+    return x;
+  }
+  void add_record(QM_HEAP_event_e e, QM_HEAP_heap_op_e op, const allocation_record_t& r) {
+    add(e, op).allocation_record = r;
+  }
+  // Dispatches everything queued; true when anything was.
+  bool raise() {
+    for (int i = 0; i < n; ++i) QM_HEAP_notify_event(&ev[i]);
+    bool any = n > 0;
+    n = 0;
+    return any;
+  }
+};
+
+QM_HEAP_op_count_t* counts_of(QM_HEAP_heap_op_e op) {
+  switch (op) {
+    case qm_heap_op_calloc: return &QM_HEAP_calloc_op_counts;
+    case qm_heap_op_free: return &QM_HEAP_free_op_counts;
+    case qm_heap_op_realloc: return &QM_HEAP_realloc_op_counts;
+    case qm_heap_op_valloc: return &QM_HEAP_valloc_op_counts;
+    case qm_heap_op_memalign: return &QM_HEAP_memalign_op_counts;
+    case qm_heap_op_posix_memalign: return &QM_HEAP_posix_memalign_op_counts;
+    default: return &QM_HEAP_malloc_op_counts;
+  }
+}
+
+bool is_power_of_two(size_t v) { return v != 0 && (v & (v - 1)) == 0; }
+
+// Around the real allocator the caller's own cancellation state applies.
+struct CancelWindow {
+  op_body_arg_t* a;
+  explicit CancelWindow(op_body_arg_t* arg) : a(arg) {
+    if (a->num_times_entered == 1 && a->caller_info.is_multi_threaded)
+      QM_thread_restore_cancelstate(a->caller_info.old_cancelstate);
+  }
+  ~CancelWindow() {
+    int ignored;
+    if (a->num_times_entered == 1 && a->caller_info.is_multi_threaded) QM_thread_disable_cancel(&ignored);
+  }
+};
+
+// --- the deallocation table -------------------------------------------------
+
+alloc_rec_id_t do_insert_deallocation_record(allocation_record_t rec, QM_HEAP_heap_op_e op, EventQueue& q) {
+  if (rec.len == 0) {
+    alloc_rec_id_t found = QM_HEAP_lookup_deallocation_record(rec.addr, nullptr, non_exact);
+    if (found != nullptr) {
+      allocation_record_t& f = found->allocation_record;
+      if (f.addr == rec.addr) return found;
+      uintptr_t end = U(f.addr) + f.len;
+      QM_assert(end >= U(rec.addr), "end of dealloc rec found does not follow start of new rec");
+      size_t moved = end - U(rec.addr);
+      if (QM_HEAP_set_dealloc_addr_len_by_id(found, f.addr, f.len - moved) != 0)
+        q.add_record(qm_heap_event_modification_error, op, f);
+      rec.len += moved;
+    }
+  }
+  alloc_rec_id_t id = QM_HEAP_insert_deallocation_record(&rec);
+  if (id == nullptr) q.add_record(qm_heap_event_insertion_error, op, rec);
+  return id;
+}
+
+// Removes the released ranges that [start, start + len) now covers.
+int do_remove_deallocations(const void* start, size_t len, QM_HEAP_heap_op_e op, EventQueue& q) {
+  const uintptr_t s = U(start), e = U(start) + len;
+  int result = 0;
+  alloc_rec_id_t id;
+  while ((id = QM_HEAP_lookup_deallocation_range_record(start, len, nullptr)) != nullptr) {
+    allocation_record_t r = id->allocation_record;
+    const uintptr_t rs = U(r.addr), re = U(r.addr) + r.len;
+    if (rs >= s && re <= e) {
+      if (QM_HEAP_remove_deallocation_record(r.addr) != 0) return -1;
+      continue;
+    }
+    if (rs < s) {
+      if (re > e) {
+        allocation_record_t tail = r;
+        tail.addr = reinterpret_cast<void*>(e);
+        tail.len = re - e;
+        if (QM_HEAP_insert_deallocation_record(&tail) == nullptr) {
+          q.add_record(qm_heap_event_insertion_error, op, tail);
+          result = -1;
+        }
+      }
+      if (QM_HEAP_set_dealloc_addr_len_by_id(id, r.addr, s - rs) != 0) result = -1;
+    } else {
+      if (QM_HEAP_set_dealloc_addr_len_by_id(id, reinterpret_cast<void*>(e), re - e) != 0) result = -1;
+      QM_assert(id->allocation_record.len == re - e,
+                "Unexpected length of deallocation record after computing new length\nin case where block "
+                "starts inside the range, but block extends beyond the end of the range\n");
+    }
+    if (len == 0 || result != 0) break;
+  }
+  return result;
+}
+
+// Removes a live record and records its range as released.
+int do_remove_allocation_record(const allocation_record_t& rec, QM_HEAP_heap_op_e op, int backtrace_id,
+                                alloc_rec_id_t* dealloc_id, EventQueue& q) {
+  if (QM_HEAP_remove_allocation_record(rec.addr) != 0) {
+    q.add_record(qm_heap_event_deletion_error, op, rec);
+    return -1;
+  }
+  allocation_record_t d = rec;
+  d.backtrace_id = backtrace_id;
+  d.flags = d.flags & ~af_op_in_progress;
+  d.control_info = nullptr;
+  *dealloc_id = do_insert_deallocation_record(d, op, q);
+  return *dealloc_id != nullptr ? 0 : -1;
+}
+
+// --- serialisation of operations on one block -------------------------------
+
+void wake_up_any_threads_waiting_for_alloc_record(alloc_rec_id_t id) {
+  auto* w = static_cast<QM_cond_waiters_t*>(id->allocation_record.control_info);
+  if (w == nullptr) return;
+  w->finished = 1;
+  if (QM_pthread_cond_broadcast(&w->cond) != 0) QM_HEAP_printf("Error waking waiting threads in %s\n", "free_body");
+  id->allocation_record.control_info = nullptr;
+}
+
+void wait_for_alloc_record(alloc_rec_id_t id, const char* opname) {
+  auto* w = static_cast<QM_cond_waiters_t*>(id->allocation_record.control_info);
+  if (w == nullptr) {
+    w = QM_thread_new_cond_waiters_t();
+    QM_assert(w != nullptr, "error getting new QM_cond_waiters_t for %s\n", opname);
+    if (QM_HEAP_set_alloc_control_info_by_id(id, w) != 0)
+      QM_assert(0, "Error setting control info while waiting for %s\n", opname);
+  }
+  ++w->num_waiters;
+  while (!w->finished)
+    if (QM_HEAP_ht_alloc_cond_wait(&w->cond) != 0)
+      QM_assert(0, "Error waiting on allocation record condition variable for %s\n", opname);
+  if (--w->num_waiters > 0) {
+    if (QM_pthread_cond_signal(&w->cond) != 0)
+      QM_assert(0, "Error signalling allocation record condition variable for %s\n", opname);
+  } else {
+    QM_thread_delete_cond_waiters_t(w);
+  }
+}
+
+// Finds the record that starts at p and marks it as in progress, waiting
+// while another thread works on it. Null with *event set when p starts no
+// live block. The caller holds the allocation-table lock.
+alloc_rec_id_t claim_alloc_rec(const void* p, allocation_record_t* rec, QM_HEAP_event_e* event, QM_HEAP_heap_op_e op) {
+  for (;;) {
+    alloc_rec_id_t id = QM_HEAP_lookup_allocation_record(p, rec, non_exact);
+    if (id == nullptr) {
+      *event = qm_heap_event_alloc_not_in_heap;
+      return nullptr;
+    }
+    if (rec->addr != p) {
+      *event = qm_heap_event_addr_not_at_start;
+      return nullptr;
+    }
+    if (rec->flags & af_op_in_progress) {
+      // With one thread nothing can finish the other operation: report it.
+      if (!qm::is_multi_threaded()) {
+        *event = qm_heap_event_op_in_progress;
+        return nullptr;
+      }
+      wait_for_alloc_record(id, QM_HEAP_get_op_name(op));
+      continue;
+    }
+    if (rec->control_info != nullptr) QM_HEAP_printf("%s.%d: control_info not null on untagged record\n", kFile, __LINE__);
+    if (QM_HEAP_set_alloc_control_info_by_id(id, nullptr) != 0 ||
+        QM_HEAP_set_alloc_flags_by_id(id, af_op_in_progress) != 0) {
+      *event = qm_heap_event_modification_error;
+      return nullptr;
+    }
+    *rec = id->allocation_record;
+    return id;
+  }
+}
+
+// --- recording new blocks ------------------------------------------------------
+
+struct NewBlock {
+  QM_HEAP_heap_op_e op;
+  void* addr;  // payload; null when the allocator failed
+  size_t len;
+  size_t alloc_len;
+  size_t expected_alignment;  // 0: not checked
+  owner_t* owner;
+  allocator_t* allocator;
+  int backtrace_id;
+  const allocation_record_t* original;  // a moved block keeps its first allocation
+};
+
+// Live records that the new block [addr, addr + len) overlaps: the one that
+// contains addr and those that start inside the block.
+struct Overlaps {
+  static constexpr int kMax = 8;
+  alloc_rec_id_t ids[kMax];
+  int n = 0;
+};
+
+int collect_overlap(allocation_record_t* r, int* stop, void* arg) {
+  auto* o = static_cast<Overlaps*>(arg);
+  o->ids[o->n++] = reinterpret_cast<alloc_rec_id_t>(r);
+  if (o->n == Overlaps::kMax) *stop = 1;
+  return 0;
+}
+
+void find_overlaps(const void* addr, size_t len, Overlaps& o) {
+  alloc_rec_id_t first = QM_HEAP_lookup_allocation_record(addr, nullptr, non_exact);
+  if (first != nullptr) o.ids[o.n++] = first;
+  if (len > 1) {
+    const void* from = static_cast<const char*>(addr) + 1;
+    const void* to = static_cast<const char*>(addr) + len - 1;
+    QM_HEAP_iterate_over_allocation_table_range(collect_overlap, &o, from, to);
+  }
+}
+
+// The allocator handed out memory that live records still claim: a double
+// allocation. The stale records are dropped (an operation waiting on one of
+// them then finds it gone).
+void check_double_alloc(const NewBlock& b, EventQueue& q) {
+  Overlaps o;
+  find_overlaps(b.addr, b.alloc_len > 0 ? b.alloc_len : 1, o);
+  for (int i = 0; i < o.n; ++i) {
+    allocation_record_t r = o.ids[i]->allocation_record;
+    if (i == 0) {
+      QM_HEAP_event_info_t& e = q.add(qm_heap_event_double_alloc, b.op);
+      e.allocation_record = r;
+      e.addr = b.addr;
+      e.len = b.len;
+    }
+    wake_up_any_threads_waiting_for_alloc_record(o.ids[i]);
+    QM_HEAP_remove_allocation_record(r.addr);
+  }
+}
+
+// Records one new block; the caller holds the allocation-table lock.
+void record_new_block(const NewBlock& b, EventQueue& q) {
+  if (b.addr == nullptr) {
+    if (b.len != 0) q.add(qm_heap_event_alloc_null, b.op).len = b.len;
+    return;
+  }
+  allocation_record_t rec = {};
+  rec.addr = b.addr;
+  rec.len = b.len;
+  rec.backtrace_id = b.backtrace_id;
+  rec.thread_id = QM_pthread_self();
+  rec.flags = 0;
+  rec.org_addr = b.original != nullptr ? b.original->org_addr : b.addr;
+  rec.org_len = b.original != nullptr ? b.original->org_len : b.len;
+  rec.org_backtrace_id = b.original != nullptr ? b.original->org_backtrace_id : b.backtrace_id;
+  rec.control_info = nullptr;
+  rec.guard_id = 0;
+  rec.generation = QM_HEAP_get_generation();
+  rec.allocator_id = b.allocator->funcs->get_id(b.allocator);
+  rec.owner_id = b.owner->funcs->get_id(b.owner);
+  if (b.expected_alignment != 0 && U(b.addr) % b.expected_alignment != 0) {
+    QM_HEAP_event_info_t& e = q.add(qm_heap_event_alloc_returned_bad_alignment, b.op);
+    e.addr = b.addr;
+    e.len = b.len;
+    e.allocation_record = rec;
+    e.alignment = b.expected_alignment;
+  }
+  check_double_alloc(b, q);
+  if (QM_HEAP_insert_allocation_record(&rec) == nullptr) q.add_record(qm_heap_event_insertion_error, b.op, rec);
+  do_remove_deallocations(b.addr, b.alloc_len, b.op, q);
+}
+
+bool handle_allocation(const NewBlock& b) {
+  EventQueue q;
+  QM_HEAP_ht_alloc_write_lock();
+  record_new_block(b, q);
+  QM_HEAP_ht_alloc_write_unlock();
+  return q.raise();
+}
+
+void* allocation_body(op_body_arg_t* a, QM_HEAP_heap_op_e op, size_t len, size_t alignment,
+                      void* (*call)(allocator_t*, owner_t*, size_t, size_t, size_t), size_t x, size_t y,
+                      bool bad_argument) {
+  owner_t* owner = a->owner;
+  allocator_t* al = qm::owner_allocator(owner);
+  void* p;
+  {
+    CancelWindow w(a);
+    p = call(al, owner, x, y, len);
+  }
+  NewBlock b = {op, p, len, len, bad_argument ? 0 : alignment, owner, al, 0, nullptr};
+  bool errors = handle_allocation(b) || bad_argument;
+  inc_op_count(counts_of(op), 1, 1, errors);
+  return p;
+}
+
+bool raise_bad_alignment(QM_HEAP_heap_op_e op, size_t alignment) {
+  QM_HEAP_event_info_t e = {};
+  e.event = qm_heap_event_bad_alignment_argument;
+  e.op = op;
+  e.alignment = alignment;
+  QM_HEAP_notify_event(&e);
+  return true;
+}
+
+// A pointer that starts no live block: a double release when the
+// deallocation table holds it, else an address never allocated (or one
+// inside a block).
+void raise_unknown_address(QM_HEAP_heap_op_e op, const void* p, size_t len, QM_HEAP_event_e claim_event,
+                           const allocation_record_t& found) {
+  QM_HEAP_event_info_t e = {};
+  e.op = op;
+  e.addr = p;
+  e.len = len;
+  if (claim_event == qm_heap_event_alloc_not_in_heap) {
+    allocation_record_t d;
+    QM_HEAP_ht_alloc_read_lock();
+    alloc_rec_id_t did = QM_HEAP_lookup_deallocation_record(p, &d, non_exact);
+    QM_HEAP_ht_alloc_read_unlock();
+    if (did != nullptr) {
+      e.event = qm_heap_event_double_dealloc;
+      e.allocation_record = d;
+    } else {
+      e.event = op == qm_heap_op_realloc ? qm_heap_event_realloc_not_allocated : qm_heap_event_free_not_allocated;
+    }
+  } else {
+    e.event = claim_event;
+    e.allocation_record = found;
+  }
+  QM_HEAP_notify_event(&e);
+}
+
+void raise_record_event(QM_HEAP_event_e ev, QM_HEAP_heap_op_e op, const allocation_record_t& r, size_t len = 0) {
+  QM_HEAP_event_info_t e = {};
+  e.event = ev;
+  e.op = op;
+  e.allocation_record = r;
+  e.len = len;
+  QM_HEAP_notify_event(&e);
+}
+
+// The rights check, the block's own notifications.
+bool check_claimed_block(op_body_arg_t* a, const allocation_record_t& rec, owner_rights_e right, size_t new_len,
+                         bool releasing) {
+  bool errors = false;
+  owner_t* rec_owner = QM_HEAP_om_get_owner(rec.owner_id);
+  if (rec_owner != nullptr && !rec_owner->funcs->has_rights(rec_owner, a->owner, right)) {
+    QM_HEAP_event_info_t e = {};
+    e.event = qm_heap_event_api_error;
+    e.op = a->op;
+    e.allocation_record = rec;
+    e.owner_id = a->owner->funcs->get_id(a->owner);
+    QM_HEAP_notify_event(&e);
+    errors = true;
+  }
+  if (releasing && (rec.flags & af_notify_dealloc)) raise_record_event(qm_heap_event_dealloc_notification, a->op, rec);
+  if (!releasing && (rec.flags & af_notify_realloc))
+    raise_record_event(qm_heap_event_realloc_notification, a->op, rec, new_len);
+  return errors;
+}
+
+allocator_t* allocator_of(const allocation_record_t& rec, owner_t* owner) {
+  allocator_t* al = QM_HEAP_am_get_allocator(rec.allocator_id);
+  return al != nullptr ? al : qm::owner_allocator(owner);
+}
+
+}  // namespace
+
+extern "C" {
+
+size_t QM_HEAP_get_default_alignment() { return alignof(max_align_t); }
+size_t QM_HEAP_get_valloc_alignment() { return QM_getpagesize(); }
+
+void inc_op_count(QM_HEAP_op_count_t* counts, int need_to_lock, int inc_ops, int inc_errors) {
+  if (need_to_lock) qm::mutex_lock(&counts->mutex);
+  if (inc_ops) ++counts->ops;
+  if (inc_errors) ++counts->errors;
+  if (need_to_lock) qm::mutex_unlock(&counts->mutex);
+}
+
+void lock_op_counts() {
+  for (int i = 0; i < num_op_count_mutexes; ++i) qm::mutex_lock(op_count_mutexes[i]);
+}
+
+void unlock_op_counts() {
+  for (int i = num_op_count_mutexes - 1; i >= 0; --i) qm::mutex_unlock(op_count_mutexes[i]);
+}
+
+generation_t QM_HEAP_get_generation() { return static_cast<generation_t>(QM_HEAP_generation); }
+
+generation_t QM_HEAP_inc_generation() {
+  qm::mutex_lock(&generation_mutex);
+  int g = QM_HEAP_generation + 1;
+  QM_HEAP_generation = g;
+  qm::mutex_unlock(&generation_mutex);
+  return static_cast<generation_t>(g);
+}
+
+void QM_HEAP_generation_atfork_prepare() { qm::mutex_lock(&generation_mutex); }
+void QM_HEAP_generation_atfork_parent() { qm::mutex_unlock(&generation_mutex); }
+void QM_HEAP_generation_atfork_child() { qm::mutex_unlock(&generation_mutex); }
+
+void* malloc_body(op_body_arg_t* a, size_t len) {
+  return allocation_body(
+      a, qm_heap_op_malloc, len, QM_HEAP_alignment_default,
+      [](allocator_t* al, owner_t* o, size_t, size_t, size_t n) { return al->funcs->malloc(al, o, n); }, 0, 0,
+      false);
+}
+
+void* calloc_body(op_body_arg_t* a, size_t nelems, size_t sizeof_elem) {
+  size_t len = nelems * sizeof_elem;
+  return allocation_body(
+      a, qm_heap_op_calloc, len, QM_HEAP_alignment_default,
+      [](allocator_t* al, owner_t* o, size_t n, size_t s, size_t) { return al->funcs->calloc(al, o, n, s); },
+      nelems, sizeof_elem, false);
+}
+
+void* valloc_body(op_body_arg_t* a, size_t len) {
+  return allocation_body(
+      a, qm_heap_op_valloc, len, QM_HEAP_alignment_valloc,
+      [](allocator_t* al, owner_t* o, size_t, size_t, size_t n) { return al->funcs->valloc(al, o, n); }, 0, 0,
+      false);
+}
+
+void* memalign_body(op_body_arg_t* a, size_t alignment, size_t len) {
+  bool bad = !is_power_of_two(alignment) ||
+             (QM_HEAP_memalign_strict_even_multiple_of_alignment && alignment % sizeof(void*) != 0);
+  if (bad) raise_bad_alignment(qm_heap_op_memalign, alignment);
+  return allocation_body(
+      a, qm_heap_op_memalign, len, alignment,
+      [](allocator_t* al, owner_t* o, size_t b, size_t, size_t n) { return al->funcs->memalign(al, o, b, n); },
+      alignment, 0, bad);
+}
+
+int posix_memalign_body(op_body_arg_t* a, void** memptr, size_t alignment, size_t len) {
+  owner_t* owner = a->owner;
+  allocator_t* al = qm::owner_allocator(owner);
+  bool bad = !is_power_of_two(alignment) || alignment % sizeof(void*) != 0;
+  if (bad) raise_bad_alignment(qm_heap_op_posix_memalign, alignment);
+  void* p = nullptr;
+  int r;
+  {
+    CancelWindow w(a);
+    r = al->funcs->posix_memalign(al, owner, &p, alignment, len);
+  }
+  if (r == EINVAL && !bad) QM_HEAP_printf("posix_memalign returned EINVAL but this should have been caught earlier\n");
+  else if (r != 0 && r != EINVAL && r != ENOMEM) QM_HEAP_printf("posix_memalign returned %d\n", r);
+  bool errors = bad;
+  if (r == 0 || r == ENOMEM) {
+    NewBlock b = {qm_heap_op_posix_memalign, r == 0 ? p : nullptr, len, len, alignment, owner, al, 0, nullptr};
+    errors = handle_allocation(b) || errors;
+  }
+  if (r == 0) *memptr = p;
+  inc_op_count(&QM_HEAP_posix_memalign_op_counts, 1, 1, errors);
+  return r;
+}
+
+void free_body(op_body_arg_t* a, void* p) {
+  owner_t* owner = a->owner;
+  if (p == nullptr) {
+    inc_op_count(&QM_HEAP_free_op_counts, 1, 1, 0);
+    return;
+  }
+  allocation_record_t rec;
+  QM_HEAP_event_e claim_event = qm_heap_event_none;
+  QM_HEAP_ht_alloc_write_lock();
+  alloc_rec_id_t id = claim_alloc_rec(p, &rec, &claim_event, qm_heap_op_free);
+  QM_HEAP_ht_alloc_write_unlock();
+
+  if (id == nullptr) {
+    // A live block made where the agent does not look is released silently.
+    bool errors = !(claim_event == qm_heap_event_alloc_not_in_heap && QM_HEAP_is_foreign_live_block(p));
+    if (errors) raise_unknown_address(qm_heap_op_free, p, 0, claim_event, rec);
+    allocator_t* al = qm::owner_allocator(owner);
+    {
+      CancelWindow w(a);
+      al->funcs->free(al, owner, p);
+    }
+    inc_op_count(&QM_HEAP_free_op_counts, 1, 1, errors);
+    return;
+  }
+
+  bool errors = check_claimed_block(a, rec, or_free, 0, true);
+  allocator_t* al = allocator_of(rec, owner);
+  void* base = QM_HEAP_ht_get_alloc_base_addr(&rec);
+
+  EventQueue q;
+  bool gone = false;
+  QM_HEAP_ht_alloc_write_lock();
+  alloc_rec_id_t again = QM_HEAP_lookup_allocation_record(rec.addr, nullptr, exact);
+  if (again == nullptr) {
+    gone = true;
+  } else {
+    wake_up_any_threads_waiting_for_alloc_record(again);
+    alloc_rec_id_t dealloc_id = nullptr;
+    allocation_record_t current = again->allocation_record;
+    if (do_remove_allocation_record(current, qm_heap_op_free, 0, &dealloc_id, q) == 0 && dealloc_id == nullptr)
+      QM_assert(0, "free_body: invalid dealloc id returned from do_remove_allocation_record (../malloc_interposers.c)");
+  }
+  QM_HEAP_ht_alloc_write_unlock();
+  if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_free, rec);
+  errors = q.raise() || gone || errors;
+  {
+    CancelWindow w(a);
+    al->funcs->free(al, owner, base);
+  }
+  inc_op_count(&QM_HEAP_free_op_counts, 1, 1, errors);
+}
+
+void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
+  owner_t* owner = a->owner;
+  if (old_addr == nullptr)
+    return allocation_body(
+        a, qm_heap_op_realloc, len, QM_HEAP_alignment_default,
+        [](allocator_t* al, owner_t* o, size_t, size_t, size_t n) { return al->funcs->realloc(al, o, nullptr, n); },
+        0, 0, false);
+
+  allocation_record_t rec;
+  QM_HEAP_event_e claim_event = qm_heap_event_none;
+  QM_HEAP_ht_alloc_write_lock();
+  alloc_rec_id_t id = claim_alloc_rec(old_addr, &rec, &claim_event, qm_heap_op_realloc);
+  QM_HEAP_ht_alloc_write_unlock();
+
+  if (id == nullptr) {
+    // An unknown block is still handed to the allocator; what it returns is
+    // recorded as a new block.
+    bool errors = !(claim_event == qm_heap_event_alloc_not_in_heap && QM_HEAP_is_foreign_live_block(old_addr));
+    if (errors) raise_unknown_address(qm_heap_op_realloc, old_addr, len, claim_event, rec);
+    allocator_t* al = qm::owner_allocator(owner);
+    void* r;
+    {
+      CancelWindow w(a);
+      r = al->funcs->realloc(al, owner, old_addr, len);
+    }
+    if (r != nullptr) {
+      NewBlock b = {qm_heap_op_realloc, r, len, len, QM_HEAP_alignment_default, owner, al, 0, nullptr};
+      errors = handle_allocation(b) || errors;
+    }
+    inc_op_count(&QM_HEAP_realloc_op_counts, 1, 1, errors);
+    return r;
+  }
+
+  bool errors = check_claimed_block(a, rec, or_realloc, len, len == 0);
+  allocator_t* al = allocator_of(rec, owner);
+  void* base = QM_HEAP_ht_get_alloc_base_addr(&rec);
+  EventQueue q;
+
+  if (len == 0) {
+    // Released: the tables first, then the allocator (which frees it).
+    bool gone = false;
+    QM_HEAP_ht_alloc_write_lock();
+    alloc_rec_id_t again = QM_HEAP_lookup_allocation_record(rec.addr, nullptr, exact);
+    if (again == nullptr) {
+      gone = true;
+    } else {
+      wake_up_any_threads_waiting_for_alloc_record(again);
+      alloc_rec_id_t dealloc_id = nullptr;
+      allocation_record_t current = again->allocation_record;
+      if (do_remove_allocation_record(current, qm_heap_op_realloc, 0, &dealloc_id, q) == 0 && dealloc_id == nullptr)
+        QM_assert(0, "realloc_body: invalid dealloc id returned from do_remove_allocation_record (../malloc_interposers.c)");
+    }
+    QM_HEAP_ht_alloc_write_unlock();
+    if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_realloc, rec);
+    errors = q.raise() || gone || errors;
+    void* r;
+    {
+      CancelWindow w(a);
+      r = al->funcs->realloc(al, owner, base, 0);
+    }
+    inc_op_count(&QM_HEAP_realloc_op_counts, 1, 1, errors);
+    return r;
+  }
+
+  bool deleted = false;
+  bool changed = false;
+  allocation_record_t current = {};
+  void* r;
+  QM_HEAP_ht_alloc_write_lock();
+  {
+    CancelWindow w(a);
+    r = al->funcs->realloc(al, owner, base, len);
+  }
+  alloc_rec_id_t again = QM_HEAP_lookup_allocation_record(rec.addr, &current, exact);
+  if (again == nullptr) {
+    deleted = true;
+  } else {
+    changed = again != id || current.len != rec.len;
+    wake_up_any_threads_waiting_for_alloc_record(again);
+    if (r == nullptr) {
+      // The old block stays live as it was.
+      QM_HEAP_clear_alloc_flags_by_id(again, af_op_in_progress);
+      q.add(qm_heap_event_alloc_null, qm_heap_op_realloc).len = len;
+    } else if (r == rec.addr) {
+      if (QM_HEAP_set_alloc_control_info_by_id(again, nullptr) != 0 ||
+          QM_HEAP_clear_alloc_flags_by_id(again, af_op_in_progress) != 0 ||
+          QM_HEAP_set_alloc_len_by_id(again, len) != 0)
+        q.add_record(qm_heap_event_modification_error, qm_heap_op_realloc, current);
+      if (len > current.len) {
+        do_remove_deallocations(static_cast<char*>(r) + current.len, len - current.len, qm_heap_op_realloc, q);
+      } else if (len < current.len) {
+        allocation_record_t tail = current;
+        tail.addr = static_cast<char*>(r) + len;
+        tail.len = current.len - len;
+        tail.flags = 0;
+        tail.control_info = nullptr;
+        do_insert_deallocation_record(tail, qm_heap_op_realloc, q);
+      }
+    } else {
+      alloc_rec_id_t dealloc_id = nullptr;
+      if (do_remove_allocation_record(current, qm_heap_op_realloc, 0, &dealloc_id, q) == 0 && dealloc_id == nullptr)
+        QM_assert(0, "realloc_body: invalid dealloc id returned from do_remove_allocation_record (../malloc_interposers.c)");
+    }
+  }
+  if (r != nullptr && r != rec.addr) {
+    NewBlock b = {qm_heap_op_realloc, r, len, len, QM_HEAP_alignment_default, owner, al, 0, &rec};
+    record_new_block(b, q);
+  }
+  QM_HEAP_ht_alloc_write_unlock();
+  if (deleted) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_realloc, rec);
+  if (changed) {
+    QM_HEAP_event_info_t e = {};
+    e.event = qm_heap_event_alloc_changed_during_op;
+    e.op = qm_heap_op_realloc;
+    e.allocation_record = rec;
+    e.allocation_record_2 = current;
+    QM_HEAP_notify_event(&e);
+  }
+  errors = q.raise() || deleted || changed || errors;
+  inc_op_count(&QM_HEAP_realloc_op_counts, 1, 1, errors);
+  return r;
+}
+
+}  // extern "C"

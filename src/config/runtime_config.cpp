@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdint.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -309,13 +310,30 @@ void apply_setting(const char* setting) {
     QM_HEAP_printf("%.*s: WARNING ignoring unexpected characters found following value.\n", len, name);
 }
 
-int parse_config(const QM_settings_parse_ops_t* ops, void* handle) {
+// A source that fails without moving on (a read error: a directory opened as
+// the configuration file, say) would fail for ever; position() tells whether
+// a failed setting consumed anything.
+int parse_config(const QM_settings_parse_ops_t* ops, void* handle, uintptr_t (*position)(void* handle)) {
   char setting[kSettingSize];
   while (!ops->eof(ops, handle)) {
-    if (ops->get_setting(ops, handle, setting, kSettingSize) != 0) continue;
+    uintptr_t before = position(handle);
+    if (ops->get_setting(ops, handle, setting, kSettingSize) != 0) {
+      if (position(handle) == before) break;
+      continue;
+    }
     apply_setting(setting);
   }
   return 0;
+}
+
+uintptr_t file_position(void* handle) {
+  auto* h = static_cast<QM_settings_parse_handle_file_t*>(handle);
+  return static_cast<uintptr_t>(h->pos) ^ (static_cast<uintptr_t>(h->len) << 13) ^
+         (static_cast<uintptr_t>(h->push_back_pos) << 26) ^ static_cast<uintptr_t>(h->seen_eof);
+}
+
+uintptr_t string_position(void* handle) {
+  return reinterpret_cast<uintptr_t>(static_cast<QM_settings_parse_handle_string_t*>(handle)->pos);
 }
 
 // The first candidate that opens is the only file read.
@@ -373,13 +391,13 @@ const char* QM_getenv(const char* name) {
 int QM_HEAP_parse_config_fd(int fd) {
   QM_settings_parse_handle_file_t h;
   if (QM_settings_parse_handle_file_init(&h, fd) != 0) return -1;
-  return parse_config(QM_settings_parse_ops_file, &h);
+  return parse_config(QM_settings_parse_ops_file, &h, file_position);
 }
 
 int QM_HEAP_parse_config_string(char* settings) {
   QM_settings_parse_handle_string_t h;
   if (QM_settings_parse_handle_string_init(&h, settings) != 0) return -1;
-  return parse_config(QM_settings_parse_ops_string, &h);
+  return parse_config(QM_settings_parse_ops_string, &h, string_position);
 }
 
 int QM_HEAP_runtime_config_initialize() { return 0; }

@@ -100,8 +100,23 @@ int QM_HEAP_set_verbosity(int v) {
   return old;
 }
 
+// A message that fits the buffer goes out in one write, so that processes
+// sharing a terminal or a pipe (a forked child, a shell pipeline) do not
+// interleave their lines; a longer one streams through the descriptor.
 int QM_HEAP_vprintf_fd(int fd, const char* fmt, va_list ap) {
-  int a = QM_s_printf(fd, "QM_HEAP:  ");
+  static constexpr char kPrefix[] = "QM_HEAP:  ";
+  constexpr int kPrefixLen = sizeof kPrefix - 1;
+  char buf[1024];
+  for (int i = 0; i < kPrefixLen; ++i) buf[i] = kPrefix[i];
+  va_list copy;
+  va_copy(copy, ap);
+  int n = QM_s_vsnprintf(buf + kPrefixLen, static_cast<int>(sizeof buf) - kPrefixLen, fmt, copy);
+  va_end(copy);
+  if (kPrefixLen + n < static_cast<int>(sizeof buf) - 1) {
+    ssize_t w = write(fd, buf, static_cast<size_t>(kPrefixLen + n));
+    return w > 0 ? static_cast<int>(w) : 0;
+  }
+  int a = QM_s_printf(fd, kPrefix);
   int b = QM_s_vprintf(fd, fmt, ap);
   return (a > 0 ? a : 0) + (b > 0 ? b : 0);
 }

@@ -74,6 +74,10 @@ class Files(unittest.TestCase):
                          "QM_HEAP:  Error attempting to open configuration file %s (No such file or directory)\n"
                          "QM_HEAP:    continuing without this file\n" % missing + STARTING)
 
+    def test_a_directory_as_configuration_file_is_reported_once(self):
+        r = self.run_in_cwd({"QMHEAP_CONFIG_FILE": self.dir, "QMHEAP_ARGS": "verbosity=0"}, "3")
+        self.assertEqual((r.returncode, r.stderr), (3, "QM: Error reading settings from file (Is a directory)\n"))
+
     def test_file_continuations_and_bad_settings_never_stop_the_parse(self):
         self.write(os.path.join(self.cwd, "default.hiarc"),
                    "verbo\\\nsity=1\n"

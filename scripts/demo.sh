@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# Shows the agent at work on the bundled example program.
+# Shows the agent at work on the bundled example program: once correct, then
+# once per kind of heap mistake, each with the agent's report.
 set -u
 build=${1:-build/x86_64}
 lib=$(ls "$build"/libqmheap*.so | head -n 1)
 demo="$build/examples/heapdemo"
 say() { printf '\n== %s\n' "$*"; }
+# Reports at verbosity 2; no configuration file from the current directory or $HOME.
+export QMHEAP_CONFIG_FILE=
+under() { QMHEAP_ARGS="verbosity=2 $1" LD_PRELOAD="$lib" "${@:2}"; echo "(exit status $?)"; }
 
 say "the agent started as a program prints its banner: $lib"
 "$lib"
@@ -12,6 +16,17 @@ say "the agent started as a program prints its banner: $lib"
 say "heapdemo without the agent"
 "$demo"
 
-say "heapdemo under the agent (LD_PRELOAD=$lib)"
-LD_PRELOAD="$lib" "$demo"
-echo "exit status $?"
+say "heapdemo under the agent (LD_PRELOAD=$lib QMHEAP_ARGS=verbosity=2): nothing to report"
+under "" "$demo"
+
+say "a double free: the agent reports it, then glibc ends the program as it would anyway"
+under "" "$demo" double
+
+say "a free of an address inside a block"
+under "" "$demo" middle
+
+say "a free of an address that was never allocated"
+under "" "$demo" wild
+
+say "blocks left allocated at exit (display_allocations_on_exit=true)"
+under "display_allocations_on_exit=true" "$demo" leak

@@ -3,7 +3,7 @@
 //   void* key(void* n); void* left(void* n); void* right(void* n);
 //   avl_balance_t balance(void* n); void set_left(void* n, void* t);
 //   void set_right(void* n, void* t); void set_balance(void* n, avl_balance_t b);
-// Recursion depth is bounded by the tree height; nothing is allocated.
+// Nothing is allocated; the paths kept on the stack are bounded by the height.
 #pragma once
 #include "base/avl.h"
 
@@ -78,42 +78,6 @@ struct Algo {
     }
   }
 
-  void* insert(void* t, void* n, void* k, bool* taller) const {
-    if (o.is_empty(t)) {
-      o.set_left(n, o.empty());
-      o.set_right(n, o.empty());
-      o.set_balance(n, avl_equal_high_e);
-      *taller = true;
-      return n;
-    }
-    int c = o.cmp(k, o.key(t));
-    if (c < 0) {
-      o.set_left(t, insert(o.left(t), n, k, taller));
-      if (*taller) {
-        switch (o.balance(t)) {
-          case avl_equal_high_e: o.set_balance(t, avl_left_high_e); break;
-          case avl_right_high_e: o.set_balance(t, avl_equal_high_e); *taller = false; break;
-          default: t = left_balance(t); *taller = false; break;
-        }
-      }
-    } else if (c > 0) {
-      o.set_right(t, insert(o.right(t), n, k, taller));
-      if (*taller) {
-        switch (o.balance(t)) {
-          case avl_equal_high_e: o.set_balance(t, avl_right_high_e); break;
-          case avl_left_high_e: o.set_balance(t, avl_equal_high_e); *taller = false; break;
-          default: t = right_balance(t); *taller = false; break;
-        }
-      }
-    } else {
-      QM_AVL_fatal("insert: duplicate key");
-      *taller = false;
-      return t;
-    }
-    if (QM_AVL_assert_all_insert_ret_val && check(t) != 0) QM_AVL_fatal("all insert checkAvl");
-    return t;
-  }
-
   void* delete_balance(void* t, side_shortened_t side, bool* shorter) const {
     if (!*shorter) return t;
     if (side == shortened_neither_e) {
@@ -175,47 +139,117 @@ struct Algo {
                              o.balance(t) == avl_equal_high_e);
   }
 
-  void* delete_aux(void* t, void** pred, bool* shorter) const {
-    if (o.is_empty(o.right(t))) {
-      *pred = t;
-      void* l = o.left(t);
-      if (!is_leaf_or_empty(l)) QM_AVL_fatal("delete_aux error");
-      *shorter = true;
-      return l;
-    }
-    o.set_right(t, delete_aux(o.right(t), pred, shorter));
-    t = delete_balance(t, shortened_right_e, shorter);
-    if (QM_AVL_assert_all_delete_ret_val && check(t) != 0) QM_AVL_fatal("all delete_aux checkAvl");
-    return t;
+  // Insertion and deletion walk down once, remembering the path, and
+  // rebalance on the way back up only as far as the height changes: the
+  // textbook recursion without its call per level and its rewrite of every
+  // link on the path.
+  static constexpr int kMaxDepth = 96;
+
+  // Stores sub as the child of path[i - 1] on its side, or returns it as the root.
+  void* relink(void** path, const bool* left, int i, void* sub, void* root) const {
+    if (i == 0) return sub;
+    if (left[i - 1])
+      o.set_left(path[i - 1], sub);
+    else
+      o.set_right(path[i - 1], sub);
+    return root;
   }
 
-  void* remove(void* t, void* k, bool* shorter) const {
-    if (o.is_empty(t)) {
-      *shorter = false;
-      return t;
+  void* insert(void* root, void* n, void* k) const {
+    o.set_left(n, o.empty());
+    o.set_right(n, o.empty());
+    o.set_balance(n, avl_equal_high_e);
+    if (o.is_empty(root)) return n;
+    void* path[kMaxDepth];
+    bool left[kMaxDepth];
+    int d = 0;
+    for (void* t = root; !o.is_empty(t);) {
+      int c = o.cmp(k, o.key(t));
+      if (c == 0) {
+        QM_AVL_fatal("insert: duplicate key");
+        return root;
+      }
+      path[d] = t;
+      left[d] = c < 0;
+      ++d;
+      t = c < 0 ? o.left(t) : o.right(t);
     }
-    int c = o.cmp(k, o.key(t));
-    if (c < 0) {
-      o.set_left(t, remove(o.left(t), k, shorter));
-      t = delete_balance(t, shortened_left_e, shorter);
-    } else if (c > 0) {
-      o.set_right(t, remove(o.right(t), k, shorter));
-      t = delete_balance(t, shortened_right_e, shorter);
-    } else if (o.is_empty(o.left(t)) || o.is_empty(o.right(t))) {
+    if (left[d - 1])
+      o.set_left(path[d - 1], n);
+    else
+      o.set_right(path[d - 1], n);
+    for (int i = d - 1; i >= 0; --i) {
+      void* t = path[i];
+      avl_balance_t b = o.balance(t);
+      avl_balance_t grown = left[i] ? avl_left_high_e : avl_right_high_e;
+      if (b == avl_equal_high_e) {
+        o.set_balance(t, grown);
+        if (QM_AVL_assert_all_insert_ret_val && check(t) != 0) QM_AVL_fatal("all insert checkAvl");
+        continue;  // this subtree grew: go on up
+      }
+      if (b != grown) {
+        o.set_balance(t, avl_equal_high_e);
+      } else {
+        void* sub = left[i] ? left_balance(t) : right_balance(t);
+        root = relink(path, left, i, sub, root);
+        t = sub;
+      }
+      if (QM_AVL_assert_all_insert_ret_val && check(t) != 0) QM_AVL_fatal("all insert checkAvl");
+      break;
+    }
+    return root;
+  }
+
+  void* remove(void* root, void* k) const {
+    void* path[kMaxDepth];
+    bool left[kMaxDepth];
+    int d = 0;
+    void* t = root;
+    for (;;) {
+      if (o.is_empty(t)) return root;  // not present: nothing changes
+      int c = o.cmp(k, o.key(t));
+      if (c == 0) break;
+      path[d] = t;
+      left[d] = c < 0;
+      ++d;
+      t = c < 0 ? o.left(t) : o.right(t);
+    }
+    if (o.is_empty(o.left(t)) || o.is_empty(o.right(t))) {
       void* rest = o.is_empty(o.left(t)) ? o.right(t) : o.left(t);
       if (!is_leaf_or_empty(rest)) QM_AVL_fatal("delete error");
-      *shorter = true;
-      return rest;
+      root = relink(path, left, d, rest, root);
     } else {
-      void* pred = nullptr;
-      void* new_left = delete_aux(o.left(t), &pred, shorter);
-      o.set_left(pred, new_left);
+      // The in-order predecessor takes the removed node's place.
+      const int at = d;
+      path[d] = t;
+      left[d] = true;
+      ++d;
+      void* pred = o.left(t);
+      while (!o.is_empty(o.right(pred))) {
+        path[d] = pred;
+        left[d] = false;
+        ++d;
+        pred = o.right(pred);
+      }
+      void* rest = o.left(pred);
+      if (!is_leaf_or_empty(rest)) QM_AVL_fatal("delete_aux error");
+      if (left[d - 1])
+        o.set_left(path[d - 1], rest);
+      else
+        o.set_right(path[d - 1], rest);
+      o.set_left(pred, o.left(t));
       o.set_right(pred, o.right(t));
       o.set_balance(pred, o.balance(t));
-      t = delete_balance(pred, shortened_left_e, shorter);
+      path[at] = pred;
+      root = relink(path, left, at, pred, root);
     }
-    if (QM_AVL_assert_all_delete_ret_val && check(t) != 0) QM_AVL_fatal("all delete checkAvl");
-    return t;
+    bool shorter = true;
+    for (int i = d - 1; i >= 0 && shorter; --i) {
+      void* sub = delete_balance(path[i], left[i] ? shortened_left_e : shortened_right_e, &shorter);
+      if (sub != path[i]) root = relink(path, left, i, sub, root);
+      if (QM_AVL_assert_all_delete_ret_val && check(sub) != 0) QM_AVL_fatal("all delete checkAvl");
+    }
+    return root;
   }
 
   void* lookup(void* t, void* k) const {
@@ -287,16 +321,14 @@ struct Algo {
 
 template <class O>
 inline void* insert(const O& o, void* root, void* n) {
-  bool taller = false;
-  void* r = Algo<O>{o}.insert(root, n, o.key(n), &taller);
+  void* r = Algo<O>{o}.insert(root, n, o.key(n));
   if (QM_AVL_assert_insert && Algo<O>{o}.check(r) != 0) QM_AVL_fatal("insert checkAvl");
   return r;
 }
 
 template <class O>
 inline void* remove(const O& o, void* root, void* key) {
-  bool shorter = false;
-  void* r = Algo<O>{o}.remove(root, key, &shorter);
+  void* r = Algo<O>{o}.remove(root, key);
   if (QM_AVL_assert_delete && Algo<O>{o}.check(r) != 0) QM_AVL_fatal("delete checkAvl");
   return r;
 }

@@ -289,8 +289,10 @@ void find_overlaps(const void* addr, size_t len, Overlaps& o) {
 // allocation. The stale records are dropped (an operation waiting on one of
 // them then finds it gone).
 void check_double_alloc(const NewBlock& b, EventQueue& q) {
+  const size_t span = b.alloc_len > 0 ? b.alloc_len : 1;
+  if (QM_HEAP_lookup_allocation_range_record(b.addr, span, nullptr) == nullptr) return;  // the usual case
   Overlaps o;
-  find_overlaps(b.addr, b.alloc_len > 0 ? b.alloc_len : 1, o);
+  find_overlaps(b.addr, span, o);
   for (int i = 0; i < o.n; ++i) {
     allocation_record_t r = o.ids[i]->allocation_record;
     if (i == 0) {
@@ -553,7 +555,9 @@ void free_body(op_body_arg_t* a, void* p) {
   EventQueue q;
   bool gone = false;
   QM_HEAP_ht_alloc_write_lock();
-  alloc_rec_id_t again = QM_HEAP_lookup_allocation_record(rec.addr, nullptr, exact);
+  // Only another thread can have removed the record since it was claimed.
+  alloc_rec_id_t again =
+      qm::is_multi_threaded() ? QM_HEAP_lookup_allocation_record(rec.addr, nullptr, exact) : id;
   if (again == nullptr) {
     gone = true;
   } else {

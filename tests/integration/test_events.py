@@ -18,8 +18,9 @@ FRAME = ("QM_HEAP:  STARTING", "QM_HEAP:  QM distribution", "QM_HEAP:  FINISHING
 
 def reports(text):
     """The agent's event reports, addresses normalised, start-up and
-    shut-down lines dropped; the C library's own complaints kept."""
-    lines = [l for l in text.splitlines(True) if not l.startswith(FRAME)]
+    shut-down lines dropped (and the emulator's note of a fatal signal);
+    the C library's own complaints kept."""
+    lines = [l for l in text.splitlines(True) if not l.startswith(FRAME) and not l.startswith("qemu: uncaught")]
     return re.sub(r" *0x[0-9a-f]+", " ADDR", "".join(lines))
 
 

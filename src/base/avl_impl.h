@@ -200,11 +200,13 @@ struct Algo {
     return root;
   }
 
-  void* remove(void* root, void* k) const {
+  // *removed receives the node taken out (the empty value when k is absent).
+  void* remove(void* root, void* k, void** removed = nullptr) const {
     void* path[kMaxDepth];
     bool left[kMaxDepth];
     int d = 0;
     void* t = root;
+    if (removed != nullptr) *removed = o.empty();
     for (;;) {
       if (o.is_empty(t)) return root;  // not present: nothing changes
       int c = o.cmp(k, o.key(t));
@@ -214,6 +216,7 @@ struct Algo {
       ++d;
       t = c < 0 ? o.left(t) : o.right(t);
     }
+    if (removed != nullptr) *removed = t;
     if (o.is_empty(o.left(t)) || o.is_empty(o.right(t))) {
       void* rest = o.is_empty(o.left(t)) ? o.right(t) : o.left(t);
       if (!is_leaf_or_empty(rest)) QM_AVL_fatal("delete error");
@@ -327,8 +330,8 @@ inline void* insert(const O& o, void* root, void* n) {
 }
 
 template <class O>
-inline void* remove(const O& o, void* root, void* key) {
-  void* r = Algo<O>{o}.remove(root, key);
+inline void* remove(const O& o, void* root, void* key, void** removed = nullptr) {
+  void* r = Algo<O>{o}.remove(root, key, removed);
   if (QM_AVL_assert_delete && Algo<O>{o}.check(r) != 0) QM_AVL_fatal("delete checkAvl");
   return r;
 }

@@ -120,7 +120,7 @@ bool list_long(const char** rhs, long* out) {
   return n > 0 && QM_string_to_integer(tok, n, out);
 }
 
-void set_rz_size_range(const char* key, const char** rhs) {
+bool set_rz_size_range(const char* key, const char** rhs) {
   long last = QM_HEAP_rz_size_ranges_get_num_ranges() - 1;
   long id = 0, start = 0, end = 0;
   bool ok = true;
@@ -139,22 +139,23 @@ void set_rz_size_range(const char* key, const char** rhs) {
   if (!ok) {
     QM_HEAP_printf("%s: ERROR end of range must be 0, or greater or equal to the start of range\n", key);
     QM_HEAP_printf("%s: ERROR expected %s=[0..%ld],start_size,end_size\n", key, key, last);
-    return;
+    return false;
   }
   QM_HEAP_rz_size_range_t r;
   if (QM_HEAP_rz_size_ranges_get_range(static_cast<int>(id), &r) != 0 ||
       (r.start = static_cast<size_t>(start), r.end = static_cast<size_t>(end),
        QM_HEAP_rz_size_ranges_set_range(static_cast<int>(id), &r, nullptr) != 0))
     QM_HEAP_printf("%s: ERROR adjusting range setting %ld,%ld,%ld\n", key, id, start, end);
+  return true;
 }
 
-void set_rz_size_range_enable(const char* key, const char** rhs) {
+bool set_rz_size_range_enable(const char* key, const char** rhs) {
   long last = QM_HEAP_rz_size_ranges_get_num_ranges() - 1;
   long id = 0;
   if (!list_long(rhs, &id) || id < 0 || id > last) {
     QM_HEAP_printf("%s: ERROR missing or invalid range id\n", key);
     QM_HEAP_printf("%s: ERROR expected %s=[0..%ld],bool_val\n", key, key, last);
-    return;
+    return false;
   }
   const char* tok;
   int n;
@@ -163,10 +164,11 @@ void set_rz_size_range_enable(const char* key, const char** rhs) {
   if (!QM_settings_token_to_boolean(tok, n, &b)) {
     QM_HEAP_printf("%s: ERROR missing or invalid boolean setting\n", key);
     QM_HEAP_printf("%s: ERROR expected %s=[0..%ld],bool_val\n", key, key, last);
-    return;
+    return false;
   }
   if (QM_HEAP_rz_size_ranges_set_range_active(static_cast<int>(id), b) != 0)
     QM_HEAP_printf("%s: ERROR adjusting range status %ld,%.*s\n", key, id, n, tok);
+  return true;
 }
 
 // ---------------------------------------------------------------------------
@@ -179,7 +181,7 @@ struct Key {
   Kind kind;
   int (*set_number)(int);
   void (*set_string)(const char* key, const char* value, int len, char* scratch);
-  void (*set_list)(const char* key, const char** rhs);
+  bool (*set_list)(const char* key, const char** rhs);  // false: bad value
 };
 
 template <Kind K>
@@ -204,7 +206,7 @@ struct Make<Kind::kString> {
 };
 template <>
 struct Make<Kind::kList> {
-  static constexpr Key key(const char* n, void (*f)(const char*, const char**)) {
+  static constexpr Key key(const char* n, bool (*f)(const char*, const char**)) {
     return {n, Kind::kList, nullptr, nullptr, f};
   }
 };
@@ -220,15 +222,18 @@ constinit const Key kKeys[] = {
 };
 #undef QM_SETTING
 
-// Applies one key; false when the setting's name is not this key.
-bool apply_key(const Key& k, const char* name, int len, const char** rhs, char* scratch) {
+enum class Applied { kNoMatch, kBadValue, kDone };
+
+// Applies one key when the setting's name is this key's.
+Applied apply_key(const Key& k, const char* name, int len, const char** rhs, char* scratch) {
   int err = -1;
   switch (k.kind) {
     case Kind::kBool: {
       int v = 0;
-      if (!QM_settings_matches_true_false_setting(k.name, name, len, rhs, &err, &v)) return false;
-      if (err == 0) k.set_number(v);
-      return true;
+      if (!QM_settings_matches_true_false_setting(k.name, name, len, rhs, &err, &v)) return Applied::kNoMatch;
+      if (err != 0) return Applied::kBadValue;
+      k.set_number(v);
+      return Applied::kDone;
     }
     case Kind::kInt:
     case Kind::kUint: {
@@ -236,23 +241,24 @@ bool apply_key(const Key& k, const char* name, int len, const char** rhs, char* 
       bool matched = k.kind == Kind::kInt
                          ? QM_settings_matches_int_setting(k.name, name, len, rhs, &err, &v)
                          : QM_settings_matches_non_negative_int_setting(k.name, name, len, rhs, &err, &v);
-      if (!matched) return false;
-      if (err == 0) k.set_number(static_cast<int>(v));
-      return true;
+      if (!matched) return Applied::kNoMatch;
+      if (err != 0) return Applied::kBadValue;
+      k.set_number(static_cast<int>(v));
+      return Applied::kDone;
     }
     case Kind::kString: {
       const char* v = nullptr;
       int vlen = 0;
-      if (!QM_settings_matches_string_val_setting(k.name, name, len, rhs, &err, &v, &vlen)) return false;
-      if (err == 0) k.set_string(k.name, v, vlen, scratch);
-      return true;
+      if (!QM_settings_matches_string_val_setting(k.name, name, len, rhs, &err, &v, &vlen)) return Applied::kNoMatch;
+      if (err != 0) return Applied::kBadValue;
+      k.set_string(k.name, v, vlen, scratch);
+      return Applied::kDone;
     }
     case Kind::kList:
-      if (!QM_settings_matches_string(k.name, name, len)) return false;
-      k.set_list(k.name, rhs);
-      return true;
+      if (!QM_settings_matches_string(k.name, name, len)) return Applied::kNoMatch;
+      return k.set_list(k.name, rhs) ? Applied::kDone : Applied::kBadValue;
   }
-  return false;
+  return Applied::kNoMatch;
 }
 
 // Per-event flags: prefix, then one of the event configuration names.
@@ -271,19 +277,20 @@ constinit const FilterPrefix kFilterPrefixes[] = {
     {"exit_on_event_", QM_HEAP_exit_on_event_set_filter, false},
 };
 
-bool matches_filter(const char* name, int len, const char** rhs) {
+Applied matches_filter(const char* name, int len, const char** rhs) {
   for (const FilterPrefix& f : kFilterPrefixes) {
     int plen = static_cast<int>(strlen(f.prefix));
     if (len <= plen || strncmp(name, f.prefix, static_cast<size_t>(plen)) != 0) continue;
     for (const event_config_name_mapping_t* m = QM_HEAP_event_config_name_mappings; m->config_name != nullptr; ++m) {
       int err = -1, v = 0;
       if (!QM_settings_matches_true_false_setting(m->config_name, name + plen, len - plen, rhs, &err, &v)) continue;
-      if (err == 0) f.set(m->event, f.invert ? !v : v, nullptr);
-      return true;
+      if (err != 0) return Applied::kBadValue;
+      f.set(m->event, f.invert ? !v : v, nullptr);
+      return Applied::kDone;
     }
-    return false;
+    return Applied::kNoMatch;
   }
-  return false;
+  return Applied::kNoMatch;
 }
 
 void apply_setting(const char* setting) {
@@ -295,18 +302,16 @@ void apply_setting(const char* setting) {
     QM_HEAP_printf("syntax error in configuration setting: %s\n", setting);
     return;
   }
-  char* scratch = value_scratch;
-  bool applied = false;
+  Applied result = Applied::kNoMatch;
   for (const Key& k : kKeys)
-    if (apply_key(k, name, len, &rhs, scratch)) {
-      applied = true;
-      break;
-    }
-  if (!applied && !matches_filter(name, len, &rhs)) {
+    if ((result = apply_key(k, name, len, &rhs, value_scratch)) != Applied::kNoMatch) break;
+  if (result == Applied::kNoMatch) result = matches_filter(name, len, &rhs);
+  if (result == Applied::kNoMatch) {
     QM_HEAP_printf("unrecognized setting: %.*s\n", len, name);
     return;
   }
-  if (*QM_settings_skip_whitespace(rhs) != '\0')
+  // A bad value has been reported by its matcher and the setting ignored.
+  if (result == Applied::kDone && *QM_settings_skip_whitespace(rhs) != '\0')
     QM_HEAP_printf("%.*s: WARNING ignoring unexpected characters found following value.\n", len, name);
 }
 

@@ -133,18 +133,26 @@ alloc_rec_id_t do_insert_deallocation_record(allocation_record_t rec, QM_HEAP_he
   return id;
 }
 
-// Removes the released ranges that [start, start + len) now covers.
-int do_remove_deallocations(const void* start, size_t len, QM_HEAP_heap_op_e op, EventQueue& q) {
+// Removes the released ranges that [start, start + len) now covers. *within
+// tells whether the whole of it lay inside one released range (then no live
+// block can overlap it).
+int do_remove_deallocations(const void* start, size_t len, QM_HEAP_heap_op_e op, EventQueue& q,
+                            bool* within = nullptr) {
+  if (within != nullptr) *within = false;
   const uintptr_t s = U(start), e = U(start) + len;
   int result = 0;
   alloc_rec_id_t id;
   while ((id = QM_HEAP_lookup_deallocation_range_record(start, len, nullptr)) != nullptr) {
     allocation_record_t r = id->allocation_record;
     const uintptr_t rs = U(r.addr), re = U(r.addr) + r.len;
+    if (within != nullptr && rs <= s && re >= e && len > 0) *within = true;
     if (rs >= s && re <= e) {
       if (QM_HEAP_remove_deallocation_record(r.addr) != 0) return -1;
       continue;
     }
+    // Released ranges never overlap one another: one that reaches over the
+    // start or the end of the block is the last to look at on that side.
+    const bool covers_end = re >= e;
     if (rs < s) {
       if (re > e) {
         allocation_record_t tail = r;
@@ -162,7 +170,7 @@ int do_remove_deallocations(const void* start, size_t len, QM_HEAP_heap_op_e op,
                 "Unexpected length of deallocation record after computing new length\nin case where block "
                 "starts inside the range, but block extends beyond the end of the range\n");
     }
-    if (len == 0 || result != 0) break;
+    if (len == 0 || result != 0 || (rs <= s && covers_end)) break;
   }
   return result;
 }
@@ -333,9 +341,12 @@ void record_new_block(const NewBlock& b, EventQueue& q) {
     e.allocation_record = rec;
     e.alignment = b.expected_alignment;
   }
-  check_double_alloc(b, q);
+  // Live and released ranges never overlap: a block wholly inside a range
+  // that was released cannot overlap a live one.
+  bool within_released = false;
+  do_remove_deallocations(b.addr, b.alloc_len, b.op, q, &within_released);
+  if (!within_released) check_double_alloc(b, q);
   if (QM_HEAP_insert_allocation_record(&rec) == nullptr) q.add_record(qm_heap_event_insertion_error, b.op, rec);
-  do_remove_deallocations(b.addr, b.alloc_len, b.op, q);
 }
 
 bool handle_allocation(const NewBlock& b) {

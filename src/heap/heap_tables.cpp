@@ -17,6 +17,8 @@ constinit volatile int default_heap_table_inc_num_nodes = 8192;
 #if defined(__i386__)
 static_assert(sizeof(allocation_record_t) == 52, "allocation record layout");
 static_assert(sizeof(heap_avl_node_t) == 64, "heap table node is 64 bytes on i386");
+#else
+static_assert(sizeof(heap_avl_node_t) == 128, "heap table node is two cache lines on x86-64");
 #endif
 
 namespace {
@@ -152,12 +154,13 @@ alloc_rec_id_t lookup_range(heap_avl_info_t* t, const void* addr, size_t len, al
 }
 
 int remove(heap_avl_info_t* t, const void* addr) {
-  Node* n = N(Algo<ExactOps>{ExactOps{}}.lookup(t->root, const_cast<void*>(addr)));
+  void* removed = nullptr;
+  t->root = N(qm::avl::remove(ExactOps{}, t->root, const_cast<void*>(addr), &removed));
+  Node* n = N(removed);
   if (n == nullptr) {
     QM_HEAP_printf("address to be deleted not in heap avl table\n  ( %s.%d )\n", kFile, __LINE__);
     return -1;
   }
-  t->root = N(qm::avl::remove(ExactOps{}, t->root, n->allocation_record.addr));
   release_node(t, n);
   --t->num_records;
   return 0;
@@ -358,7 +361,12 @@ int QM_HEAP_get_num_records_in_deallocation_table() { return QM_HEAP_deallocatio
 int QM_HEAP_set_dealloc_addr_len_by_id(alloc_rec_id_t id, void* p, size_t len) {
   if (id == nullptr) return -1;
   allocation_record_t* r = &id->allocation_record;
-  if (r->addr != p) {
+  // Released ranges do not overlap: a start moved within the range keeps the
+  // record's place in the order, so the key changes in place.
+  bool in_place = U(p) >= U(r->addr) && U(p) <= U(r->addr) + r->len;
+  if (in_place) {
+    r->addr = p;
+  } else {
     heap_avl_info_t* t = &QM_HEAP_deallocation_table;
     t->root = N(qm::avl::remove(ExactOps{}, t->root, r->addr));
     r->addr = p;

@@ -168,6 +168,13 @@ TEST(DeallocationTable, ReleasedRangesMergeByRekeying) {
   EXPECT_EQ(QM_HEAP_lookup_deallocation_record(A(0x900000), nullptr, exact), nullptr);
   EXPECT_EQ(QM_HEAP_lookup_deallocation_record(A(0x90001f), nullptr, non_exact), id);
   EXPECT_EQ(QM_HEAP_check_deallocation_table(), 0);
+  // Moving the start within the range (an allocation took its head) keeps the
+  // record in place; it is found under the new start and nowhere before it.
+  ASSERT_EQ(QM_HEAP_set_dealloc_addr_len_by_id(id, A(0x8fff80), 0xa0), 0);
+  EXPECT_EQ(QM_HEAP_lookup_deallocation_record(A(0x8fff80), nullptr, exact), id);
+  EXPECT_EQ(QM_HEAP_lookup_deallocation_record(A(0x8fff7f), nullptr, non_exact), nullptr);
+  EXPECT_EQ(QM_HEAP_lookup_deallocation_record(A(0x90001f), nullptr, non_exact), id);
+  ASSERT_EQ(QM_HEAP_set_dealloc_addr_len_by_id(id, A(0x8fff00), 0x120), 0);
   EXPECT_EQ(QM_HEAP_remove_deallocation_record(A(0x8fff00)), 0);
   EXPECT_EQ(QM_HEAP_remove_deallocation_record(A(0x900100)), 0);
   EXPECT_EQ(QM_HEAP_remove_deallocation_record(A(0x900100)), -1);

@@ -3,11 +3,13 @@
 // so that the console, the debugger and the exit actions never run with a
 // table lock held (the fork handlers take the output lock first).
 //
-// A block's old address must never be handed out by the allocator while a
-// live record still claims it, or a concurrent allocation of that address
-// would look like a double allocation: free updates the tables before the
-// allocator sees the block, and realloc holds the table lock across the
-// allocator's call.
+// The table lock is held across the allocator's call whenever a block is
+// released or resized: the allocator may hand the old address out again at
+// once, and a concurrent allocation of it must find the tables already
+// updated (or it would look like a double allocation), while a concurrent
+// release of the same block must find the allocator done with it. The
+// allocator never calls back into the agent's tables, so this cannot
+// deadlock, and fork takes the table lock before the allocator's own locks.
 #include "core/bodies.h"
 
 #include <errno.h>
@@ -382,10 +384,12 @@ bool raise_bad_alignment(QM_HEAP_heap_op_e op, size_t alignment) {
   return true;
 }
 
-// A pointer that starts no live block: a double release when the
-// deallocation table holds it, else an address never allocated (or one
-// inside a block).
-void raise_unknown_address(QM_HEAP_heap_op_e op, const void* p, size_t len, QM_HEAP_event_e claim_event,
+// A pointer that starts no live block. A released block that starts there
+// makes it a double release; otherwise a block the allocator made where the
+// agent does not look (aligned_alloc and the like) is passed on silently; an
+// address inside a released range is a double release too, and anything else
+// was never allocated. True when an event was raised.
+bool check_unknown_address(QM_HEAP_heap_op_e op, const void* p, size_t len, QM_HEAP_event_e claim_event,
                            const allocation_record_t& found) {
   QM_HEAP_event_info_t e = {};
   e.op = op;
@@ -396,6 +400,7 @@ void raise_unknown_address(QM_HEAP_heap_op_e op, const void* p, size_t len, QM_H
     QM_HEAP_ht_alloc_read_lock();
     alloc_rec_id_t did = QM_HEAP_lookup_deallocation_record(p, &d, non_exact);
     QM_HEAP_ht_alloc_read_unlock();
+    if ((did == nullptr || d.addr != p) && QM_HEAP_is_foreign_live_block(p)) return false;
     if (did != nullptr) {
       e.event = qm_heap_event_double_dealloc;
       e.allocation_record = d;
@@ -407,6 +412,7 @@ void raise_unknown_address(QM_HEAP_heap_op_e op, const void* p, size_t len, QM_H
     e.allocation_record = found;
   }
   QM_HEAP_notify_event(&e);
+  return true;
 }
 
 void raise_record_event(QM_HEAP_event_e ev, QM_HEAP_heap_op_e op, const allocation_record_t& r, size_t len = 0) {
@@ -450,11 +456,13 @@ extern "C" {
 size_t QM_HEAP_get_default_alignment() { return alignof(max_align_t); }
 size_t QM_HEAP_get_valloc_alignment() { return QM_getpagesize(); }
 
+// The counts are atomic words: every operation counts itself without taking
+// the counter's mutex, which only the fork handlers and a locked report take
+// (an increment is never split by fork).
 void inc_op_count(QM_HEAP_op_count_t* counts, int need_to_lock, int inc_ops, int inc_errors) {
-  if (need_to_lock) qm::mutex_lock(&counts->mutex);
-  if (inc_ops) ++counts->ops;
-  if (inc_errors) ++counts->errors;
-  if (need_to_lock) qm::mutex_unlock(&counts->mutex);
+  (void)need_to_lock;
+  if (inc_ops) __atomic_fetch_add(&counts->ops, 1, __ATOMIC_RELAXED);
+  if (inc_errors) __atomic_fetch_add(&counts->errors, 1, __ATOMIC_RELAXED);
 }
 
 void lock_op_counts() {
@@ -547,9 +555,7 @@ void free_body(op_body_arg_t* a, void* p) {
   QM_HEAP_ht_alloc_write_unlock();
 
   if (id == nullptr) {
-    // A live block made where the agent does not look is released silently.
-    bool errors = !(claim_event == qm_heap_event_alloc_not_in_heap && QM_HEAP_is_foreign_live_block(p));
-    if (errors) raise_unknown_address(qm_heap_op_free, p, 0, claim_event, rec);
+    bool errors = check_unknown_address(qm_heap_op_free, p, 0, claim_event, rec);
     allocator_t* al = qm::owner_allocator(owner);
     {
       CancelWindow w(a);
@@ -578,13 +584,13 @@ void free_body(op_body_arg_t* a, void* p) {
     if (do_remove_allocation_record(current, qm_heap_op_free, 0, &dealloc_id, q) == 0 && dealloc_id == nullptr)
       QM_assert(0, "free_body: invalid dealloc id returned from do_remove_allocation_record (../malloc_interposers.c)");
   }
-  QM_HEAP_ht_alloc_write_unlock();
-  if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_free, rec);
-  errors = q.raise() || gone || errors;
   {
     CancelWindow w(a);
     al->funcs->free(al, owner, base);
   }
+  QM_HEAP_ht_alloc_write_unlock();
+  if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_free, rec);
+  errors = q.raise() || gone || errors;
   inc_op_count(&QM_HEAP_free_op_counts, 1, 1, errors);
 }
 
@@ -605,8 +611,7 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
   if (id == nullptr) {
     // An unknown block is still handed to the allocator; what it returns is
     // recorded as a new block.
-    bool errors = !(claim_event == qm_heap_event_alloc_not_in_heap && QM_HEAP_is_foreign_live_block(old_addr));
-    if (errors) raise_unknown_address(qm_heap_op_realloc, old_addr, len, claim_event, rec);
+    bool errors = check_unknown_address(qm_heap_op_realloc, old_addr, len, claim_event, rec);
     allocator_t* al = qm::owner_allocator(owner);
     void* r;
     {
@@ -640,14 +645,14 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
       if (do_remove_allocation_record(current, qm_heap_op_realloc, 0, &dealloc_id, q) == 0 && dealloc_id == nullptr)
         QM_assert(0, "realloc_body: invalid dealloc id returned from do_remove_allocation_record (../malloc_interposers.c)");
     }
-    QM_HEAP_ht_alloc_write_unlock();
-    if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_realloc, rec);
-    errors = q.raise() || gone || errors;
     void* r;
     {
       CancelWindow w(a);
       r = al->funcs->realloc(al, owner, base, 0);
     }
+    QM_HEAP_ht_alloc_write_unlock();
+    if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_realloc, rec);
+    errors = q.raise() || gone || errors;
     inc_op_count(&QM_HEAP_realloc_op_counts, 1, 1, errors);
     return r;
   }

@@ -25,6 +25,15 @@ class Threads(unittest.TestCase):
         r = subprocess.run(cmd, capture_output=True, text=True, timeout=120)
         self.assertEqual((r.returncode, r.stdout), (0, "at event disabled, after enabled\n"), r.stderr)
 
+    def test_two_threads_releasing_one_block(self):
+        env = {"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": "verbosity=2", "QM_BAD": "once"}
+        r = run([target("free_race")], env=env, extra_preload=[lib("libqmbadalloc.so")], timeout=300)
+        self.assertEqual((r.returncode, r.stdout), (0, "free_race: 300 rounds\n"), r.stderr)
+        events = [l for l in r.stderr.splitlines() if l.startswith("QM_HEAP:  free         : ")]
+        heads = [l for l in events if not l.startswith("QM_HEAP:  free         :   address:")]
+        self.assertEqual(events.count("QM_HEAP:  free         : double deallocation"), 300, r.stderr[-2000:])
+        self.assertEqual(len(heads), 300 * 3)  # heading, "original allocation", "entry in deallocation table"
+
     def test_frequent_forks_while_threads_allocate(self):
         r = run([target("fork_stress"), "4", "200000", "200"], timeout=600)
         self.assertEqual(r.returncode, 0, r.stderr)

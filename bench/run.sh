@@ -30,3 +30,7 @@ for arch in x86_64 i386; do
       "$arch" "$threads" "$ops" "$plain" "$under" "$(echo "$under / $plain" | bc -l)"
   done
 done
+
+if [ -x build/x86_64/bench/qmheap_micro ]; then
+  build/x86_64/bench/qmheap_micro --benchmark_min_time=0.2
+fi

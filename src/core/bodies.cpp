@@ -192,6 +192,12 @@ int do_remove_allocation_record(const allocation_record_t& rec, QM_HEAP_heap_op_
   return *dealloc_id != nullptr ? 0 : -1;
 }
 
+// Under the table lock: finds a claimed record again, wakes the threads
+// waiting for it and moves it to the deallocation table. False when another
+// thread removed it in the meantime (only possible with several threads).
+bool retire_claimed_record(alloc_rec_id_t id, const allocation_record_t& rec, QM_HEAP_heap_op_e op,
+                           const char* who, EventQueue& q);
+
 // --- serialisation of operations on one block -------------------------------
 
 void wake_up_any_threads_waiting_for_alloc_record(alloc_rec_id_t id) {
@@ -254,6 +260,18 @@ alloc_rec_id_t claim_alloc_rec(const void* p, allocation_record_t* rec, QM_HEAP_
     *rec = id->allocation_record;
     return id;
   }
+}
+
+bool retire_claimed_record(alloc_rec_id_t id, const allocation_record_t& rec, QM_HEAP_heap_op_e op,
+                           const char* who, EventQueue& q) {
+  alloc_rec_id_t again = qm::is_multi_threaded() ? QM_HEAP_lookup_allocation_record(rec.addr, nullptr, exact) : id;
+  if (again == nullptr) return false;
+  wake_up_any_threads_waiting_for_alloc_record(again);
+  alloc_rec_id_t dealloc_id = nullptr;
+  allocation_record_t current = again->allocation_record;
+  if (do_remove_allocation_record(current, op, 0, &dealloc_id, q) == 0 && dealloc_id == nullptr)
+    QM_assert(0, "%s: invalid dealloc id returned from do_remove_allocation_record (../malloc_interposers.c)", who);
+  return true;
 }
 
 // --- recording new blocks ------------------------------------------------------
@@ -570,20 +588,8 @@ void free_body(op_body_arg_t* a, void* p) {
   void* base = QM_HEAP_ht_get_alloc_base_addr(&rec);
 
   EventQueue q;
-  bool gone = false;
   QM_HEAP_ht_alloc_write_lock();
-  // Only another thread can have removed the record since it was claimed.
-  alloc_rec_id_t again =
-      qm::is_multi_threaded() ? QM_HEAP_lookup_allocation_record(rec.addr, nullptr, exact) : id;
-  if (again == nullptr) {
-    gone = true;
-  } else {
-    wake_up_any_threads_waiting_for_alloc_record(again);
-    alloc_rec_id_t dealloc_id = nullptr;
-    allocation_record_t current = again->allocation_record;
-    if (do_remove_allocation_record(current, qm_heap_op_free, 0, &dealloc_id, q) == 0 && dealloc_id == nullptr)
-      QM_assert(0, "free_body: invalid dealloc id returned from do_remove_allocation_record (../malloc_interposers.c)");
-  }
+  bool gone = !retire_claimed_record(id, rec, qm_heap_op_free, "free_body", q);
   {
     CancelWindow w(a);
     al->funcs->free(al, owner, base);
@@ -633,18 +639,8 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
 
   if (len == 0) {
     // Released: the tables first, then the allocator (which frees it).
-    bool gone = false;
     QM_HEAP_ht_alloc_write_lock();
-    alloc_rec_id_t again = QM_HEAP_lookup_allocation_record(rec.addr, nullptr, exact);
-    if (again == nullptr) {
-      gone = true;
-    } else {
-      wake_up_any_threads_waiting_for_alloc_record(again);
-      alloc_rec_id_t dealloc_id = nullptr;
-      allocation_record_t current = again->allocation_record;
-      if (do_remove_allocation_record(current, qm_heap_op_realloc, 0, &dealloc_id, q) == 0 && dealloc_id == nullptr)
-        QM_assert(0, "realloc_body: invalid dealloc id returned from do_remove_allocation_record (../malloc_interposers.c)");
-    }
+    bool gone = !retire_claimed_record(id, rec, qm_heap_op_realloc, "realloc_body", q);
     void* r;
     {
       CancelWindow w(a);

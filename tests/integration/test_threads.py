@@ -25,6 +25,16 @@ class Threads(unittest.TestCase):
         r = subprocess.run(cmd, capture_output=True, text=True, timeout=120)
         self.assertEqual((r.returncode, r.stdout), (0, "at event disabled, after enabled\n"), r.stderr)
 
+    def test_a_thread_ending_inside_an_operation_leaves_the_agent(self):
+        cmd = [config()["runner"], "--preload", lib("libqmbreak.so") + ":" + config()["lib"],
+               "--env", "QM_BREAK_EXIT=1", "--env", "QMHEAP_CONFIG_FILE=",
+               "--env", "QMHEAP_ARGS=display_allocations_on_exit=true", "--", target("unwind_exit")]
+        r = subprocess.run(cmd, capture_output=True, text=True, timeout=120)
+        self.assertEqual((r.returncode, r.stdout), (0, "unwind_exit: kept a block\n" * 3), r.stderr)
+        lengths = [l.split()[-1] for l in r.stderr.splitlines() if l.startswith("QM_HEAP:  ") and len(l.split()) == 3]
+        for n in ("4242", "4243", "4244"):
+            self.assertIn(n, lengths, r.stderr)
+
     def test_two_threads_releasing_one_block(self):
         env = {"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": "verbosity=2", "QM_BAD": "once"}
         r = run([target("free_race")], env=env, extra_preload=[lib("libqmbadalloc.so")], timeout=300)

@@ -166,6 +166,14 @@ int remove(heap_avl_info_t* t, const void* addr) {
   return 0;
 }
 
+// Gives a record a new address: out of the tree under the old key, back in
+// under the new one; the node, and so the id, stays.
+void rekey(heap_avl_info_t* t, Node* n, void* addr) {
+  t->root = N(qm::avl::remove(ExactOps{}, t->root, n->allocation_record.addr));
+  n->allocation_record.addr = addr;
+  t->root = N(qm::avl::insert(ExactOps{}, t->root, n));
+}
+
 struct IterArg {
   ht_iter_func_t f;
   void* arg;
@@ -281,12 +289,7 @@ int QM_HEAP_set_alloc_control_info_by_id(alloc_rec_id_t id, void* control_info) 
 int QM_HEAP_set_alloc_fields_by_id(alloc_rec_id_t id, const allocation_record_t* rec, int fields) {
   if (id == nullptr || rec == nullptr) return -1;
   allocation_record_t* r = &id->allocation_record;
-  if ((fields & ar_field_addr) && r->addr != rec->addr) {
-    heap_avl_info_t* t = &QM_HEAP_allocation_table;
-    t->root = N(qm::avl::remove(ExactOps{}, t->root, r->addr));
-    r->addr = rec->addr;
-    t->root = N(qm::avl::insert(ExactOps{}, t->root, id));
-  }
+  if ((fields & ar_field_addr) && r->addr != rec->addr) rekey(&QM_HEAP_allocation_table, id, rec->addr);
   if (fields & ar_field_len) r->len = rec->len;
   if (fields & ar_field_backtrace_id) r->backtrace_id = rec->backtrace_id;
   if (fields & ar_field_thread_id) r->thread_id = rec->thread_id;
@@ -364,14 +367,10 @@ int QM_HEAP_set_dealloc_addr_len_by_id(alloc_rec_id_t id, void* p, size_t len) {
   // Released ranges do not overlap: a start moved within the range keeps the
   // record's place in the order, so the key changes in place.
   bool in_place = U(p) >= U(r->addr) && U(p) <= U(r->addr) + r->len;
-  if (in_place) {
+  if (in_place)
     r->addr = p;
-  } else {
-    heap_avl_info_t* t = &QM_HEAP_deallocation_table;
-    t->root = N(qm::avl::remove(ExactOps{}, t->root, r->addr));
-    r->addr = p;
-    t->root = N(qm::avl::insert(ExactOps{}, t->root, id));
-  }
+  else
+    rekey(&QM_HEAP_deallocation_table, id, p);
   r->len = len;
   return 0;
 }

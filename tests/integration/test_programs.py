@@ -30,11 +30,15 @@ class Targets(unittest.TestCase):
         self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
         self.assertEqual(r.stdout, "cxx_threads: total 3988, child 0\n")
 
-    def test_heap_calls_before_the_load_hook_initialise_the_agent(self):
+    def test_heap_calls_before_the_load_hook_and_after_the_unload_hook(self):
         early = os.path.join(config()["targets"], "libqmearly.so")
-        r = run([target("allfuncs")], extra_preload=[early])
+        r = run([target("allfuncs")], extra_preload=[early],
+                env={"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": "commentary=announce_terminating verbosity=1"})
         self.assertEqual(r.returncode, 0, r.stderr)
         self.assertTrue(r.stdout.startswith("early ok\n"), r.stdout)
+        # ...and calls after the unload hook still work.
+        self.assertTrue(r.stdout.endswith("late ok\n"), r.stdout)
+        self.assertEqual(r.stderr, "QM_HEAP:  FINISHING malloc interposition\n")
 
 
 @unittest.skipUnless(qmtest.is_64(), "real host programs are x86-64")

@@ -15,3 +15,14 @@ __attribute__((constructor)) static void early(void) {
   puts(p);
   free(p);
 }
+
+/* Finalised after the agent (the reverse of the order of initialisation):
+ * heap calls made after the agent's unload hook must still work. */
+__attribute__((destructor)) static void late(void) {
+  char* p = calloc(4, 16);
+  if (p == NULL) return;
+  p = realloc(p, 4096);
+  strcpy(p, "late ok");
+  puts(p);
+  free(p);
+}

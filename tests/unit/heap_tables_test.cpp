@@ -9,6 +9,12 @@
 #include <random>
 #include <vector>
 
+extern "C" {
+extern allocation_record_t QM_HEAP_debug_allocation_record;
+int QM_HEAP_debug_lookup_allocation_table(void* p);
+int QM_HEAP_debug_lookup_deallocation_table(void* p);
+}
+
 namespace {
 
 char* A(uintptr_t off) { return reinterpret_cast<char*>(uintptr_t{0x10000000} + off); }
@@ -65,6 +71,12 @@ TEST_F(HeapTables, LookupsAtBlockBoundaries) {
 
   EXPECT_EQ(QM_HEAP_remove_allocation_record(A(0x120)), -1);  // inside, not the start
   EXPECT_EQ(QM_HEAP_lookup_allocation_record(A(0x100), nullptr, exact), b);
+
+  // The debugger's lookups find a block by any address inside it.
+  EXPECT_EQ(QM_HEAP_debug_lookup_allocation_table(A(0x13f)), 1);
+  EXPECT_EQ(QM_HEAP_debug_allocation_record.addr, A(0x100));
+  EXPECT_EQ(QM_HEAP_debug_lookup_allocation_table(A(0x140)), 0);
+  EXPECT_EQ(QM_HEAP_debug_lookup_deallocation_table(A(0x13f)), 0);
 }
 
 TEST_F(HeapTables, RecordsAreEditedInPlaceAndKeepTheirIds) {

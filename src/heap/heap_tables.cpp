@@ -405,7 +405,19 @@ void QM_HEAP_ht_atfork_parent() {
   qm::mutex_unlock(&dealloc_mutex);
   qm::mutex_unlock(&alloc_mutex);
 }
+// In the child only the forking thread exists: operations that other threads
+// had in progress on blocks will never finish there, so their marks (and
+// their waiters) are dropped, or the child would wait for them for ever.
 void QM_HEAP_ht_atfork_child() {
+  QM_HEAP_iterate_over_allocation_table(
+      [](allocation_record_t* r, int*, void*) {
+        if (r->flags & af_op_in_progress) {
+          r->flags = r->flags & ~af_op_in_progress;
+          r->control_info = nullptr;
+        }
+        return 0;
+      },
+      nullptr);
   qm::mutex_unlock(&dealloc_mutex);
   qm::mutex_unlock(&alloc_mutex);
 }

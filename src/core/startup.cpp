@@ -125,6 +125,8 @@ void heap_ia_atfork_child() {
 
 extern "C" {
 
+// In address order, by one in-order walk: the positional iterator costs a
+// walk per record, which a program with many blocks left would feel at exit.
 void dump_allocation_table(int need_to_lock) {
   QM_HEAP_printf("ALLOCATION TABLE --- START\n");
   allocation_table_iterator_t it;
@@ -132,9 +134,12 @@ void dump_allocation_table(int need_to_lock) {
     QM_HEAP_printf("error initializing iterator\n");
   } else {
     if (need_to_lock) QM_HEAP_ht_alloc_read_lock();
-    allocation_record_t r;
-    while (QM_HEAP_next_allocation_table_record(&it, &r) == 1)
-      QM_HEAP_printf("%*p %14d\n", 10, r.addr, static_cast<int>(r.len));
+    QM_HEAP_iterate_over_allocation_table(
+        [](allocation_record_t* r, int*, void*) {
+          QM_HEAP_printf("%*p %14d\n", 10, r->addr, static_cast<int>(r->len));
+          return 0;
+        },
+        nullptr);
     if (need_to_lock) QM_HEAP_ht_alloc_read_unlock();
   }
   QM_HEAP_printf("ALLOCATION TABLE --- END\n");

@@ -143,7 +143,7 @@ class Shutdown(unittest.TestCase):
 
 @unittest.skipUnless(config()["native_exec"], "needs gdb on a natively run program")
 class Debugger(unittest.TestCase):
-    def test_gdb_sees_a_double_free(self):
+    def gdb(self, args, commands, env=()):
         import shutil
         import subprocess
         import tempfile
@@ -151,17 +151,33 @@ class Debugger(unittest.TestCase):
         try:
             path = os.path.join(d, "commands")
             with open(path, "w") as f:
-                f.write("\n".join([
-                    "set startup-with-shell off", "set breakpoint pending on",
-                    "set environment LD_PRELOAD=%s" % config()["lib"], "set environment QMHEAP_CONFIG_FILE=",
-                    "break QM_HEAP_notify_breakpoint_here", "run", "continue", "finish",
-                    "print QM_HEAP_event.event", "print QM_HEAP_event.op", "kill", ""]))
-            r = subprocess.run(["gdb", "-batch", "-nx", "-x", path, "--args", target("heap_errors"), "double-free"],
-                               capture_output=True, text=True, timeout=120)
+                f.write("\n".join(["set startup-with-shell off", "set breakpoint pending on",
+                                   "set environment LD_PRELOAD=%s" % config()["lib"],
+                                   "set environment QMHEAP_CONFIG_FILE="] +
+                                  ["set environment %s" % e for e in env] + commands + ["kill", ""]))
+            return subprocess.run(["gdb", "-batch", "-nx", "-x", path, "--args", target("heap_errors")] + args,
+                                  capture_output=True, text=True, timeout=120)
         finally:
             shutil.rmtree(d)
+
+    def test_gdb_sees_a_double_free(self):
+        r = self.gdb(["double-free"], ["break QM_HEAP_notify_breakpoint_here", "run", "continue", "finish",
+                                       "print QM_HEAP_event.event", "print QM_HEAP_event.op"])
         self.assertIn("= qm_heap_event_double_dealloc", r.stdout)
         self.assertIn("= qm_heap_op_free", r.stdout)
+
+    def test_blocks_marked_by_the_debugger_notify_their_reallocation_and_release(self):
+        # af_notify_dealloc (2) and af_notify_realloc (4) set on the block's record.
+        r = self.gdb(["notify"], ["break checkpoint", "run",
+                                  "call (int)QM_HEAP_set_alloc_flags_by_id("
+                                  "(void*)QM_HEAP_lookup_allocation_record(block, 0, 1), 6)",
+                                  "continue"], env=["QMHEAP_ARGS=verbosity=2"])
+        self.assertIn("heap_errors: notified", r.stdout)
+        self.assertIn(reports("QM_HEAP:  realloc      : reallocation notification\n"
+                              "QM_HEAP:  0x10--0x38           40 [0x28]\n"
+                              "QM_HEAP:  realloc      : requested length:   20 (0x14)\n"
+                              "QM_HEAP:  free         : deallocation notification\n"
+                              "QM_HEAP:  0x10--0x24           20 [0x14]\n"), reports(r.stdout + r.stderr))
 
 
 if __name__ == "__main__":

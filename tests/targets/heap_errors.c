@@ -2,13 +2,16 @@
  * gave back. The mistakes that glibc itself detects end the program as they
  * would without the agent.
  *   free-unknown realloc-unknown free-middle realloc-middle double-free
- *   double-realloc bad-alignment bad-allocator leak */
+ *   double-realloc bad-alignment bad-allocator leak notify
+ * ("notify" stops in checkpoint(), where a debugger may mark the block.) */
 #include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 static char not_heap[64] __attribute__((aligned(16)));
+
+__attribute__((noinline)) void checkpoint(void* block) { __asm__ volatile("" ::"r"(block) : "memory"); }
 
 int main(int argc, char** argv) {
   const char* what = argc > 1 ? argv[1] : "";
@@ -38,6 +41,12 @@ int main(int argc, char** argv) {
     void* a = malloc(777);
     void* b = malloc(777);
     printf("bad allocator: %s %s\n", a != NULL ? "block" : "null", b != NULL ? "block" : "null");
+    return 0;
+  } else if (strcmp(what, "notify") == 0) {
+    checkpoint(p);
+    p = realloc(p, 20); /* shrinks in place */
+    free(p);
+    puts("heap_errors: notified");
     return 0;
   } else if (strcmp(what, "leak") == 0) {
     void* q = calloc(3, 100);

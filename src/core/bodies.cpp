@@ -233,31 +233,35 @@ void wait_for_alloc_record(alloc_rec_id_t id, const char* opname) {
 // live block. The caller holds the allocation-table lock.
 alloc_rec_id_t claim_alloc_rec(const void* p, allocation_record_t* rec, QM_HEAP_event_e* event, QM_HEAP_heap_op_e op) {
   for (;;) {
-    alloc_rec_id_t id = QM_HEAP_lookup_allocation_record(p, rec, non_exact);
+    alloc_rec_id_t id = QM_HEAP_lookup_allocation_record(p, nullptr, non_exact);
     if (id == nullptr) {
       *event = qm_heap_event_alloc_not_in_heap;
       return nullptr;
     }
-    if (rec->addr != p) {
+    const allocation_record_t& r = id->allocation_record;
+    if (r.addr != p) {
+      *rec = r;  // the block p lies in, for the report
       *event = qm_heap_event_addr_not_at_start;
       return nullptr;
     }
-    if (rec->flags & af_op_in_progress) {
+    if (r.flags & af_op_in_progress) {
       // With one thread nothing can finish the other operation: report it.
       if (!qm::is_multi_threaded()) {
+        *rec = r;
         *event = qm_heap_event_op_in_progress;
         return nullptr;
       }
       wait_for_alloc_record(id, QM_HEAP_get_op_name(op));
       continue;
     }
-    if (rec->control_info != nullptr) QM_HEAP_printf("%s.%d: control_info not null on untagged record\n", kFile, __LINE__);
+    if (r.control_info != nullptr) QM_HEAP_printf("%s.%d: control_info not null on untagged record\n", kFile, __LINE__);
     if (QM_HEAP_set_alloc_control_info_by_id(id, nullptr) != 0 ||
         QM_HEAP_set_alloc_flags_by_id(id, af_op_in_progress) != 0) {
+      *rec = r;
       *event = qm_heap_event_modification_error;
       return nullptr;
     }
-    *rec = id->allocation_record;
+    *rec = r;
     return id;
   }
 }
@@ -393,13 +397,12 @@ void* allocation_body(op_body_arg_t* a, QM_HEAP_heap_op_e op, size_t len, size_t
   return p;
 }
 
-bool raise_bad_alignment(QM_HEAP_heap_op_e op, size_t alignment) {
+void raise_bad_alignment(QM_HEAP_heap_op_e op, size_t alignment) {
   QM_HEAP_event_info_t e = {};
   e.event = qm_heap_event_bad_alignment_argument;
   e.op = op;
   e.alignment = alignment;
   QM_HEAP_notify_event(&e);
-  return true;
 }
 
 // A pointer that starts no live block. A released block that starts there

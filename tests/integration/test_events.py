@@ -11,17 +11,13 @@ import qmtest
 from qmtest import config, run, target
 
 QUIET = {"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": "verbosity=2"}
-FRAME = ("QM_HEAP:  STARTING", "QM_HEAP:  QM distribution", "QM_HEAP:  FINISHING",
-         "QM_HEAP:               : finished processing startup configuration",
-         "QM_HEAP:  finalizer    : process termination")
 
 
 def reports(text):
     """The agent's event reports, addresses normalised, start-up and
     shut-down lines dropped (and the emulator's note of a fatal signal);
     the C library's own complaints kept."""
-    lines = [l for l in text.splitlines(True) if not l.startswith(FRAME) and not l.startswith("qemu: uncaught")]
-    return re.sub(r" *0x[0-9a-f]+", " ADDR", "".join(lines))
+    return re.sub(r" *0x[0-9a-f]+", " ADDR", qmtest.without_frame(text))
 
 
 def lib(name):

@@ -1,7 +1,10 @@
-/* A deterministic malloc-heavy workload: a pool of slots is filled, resized
- * and emptied in a pseudo-random order fixed by the seed. Prints a checksum so
- * that a run under the agent can be compared with a plain one.
+/* A deterministic allocation-heavy workload: each thread keeps a pool of
+ * slots and, in a pseudo-random order fixed by its seed, fills, resizes and
+ * empties them with malloc, calloc, realloc, memalign and free, over sizes
+ * from 8 bytes to 4 KiB. Prints a checksum so that a run under the agent can
+ * be compared with a plain one.
  * Usage: churn [operations] [slots] [threads] */
+#include <malloc.h>
 #include <pthread.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -20,6 +23,16 @@ static uint32_t next(uint32_t* s) {
   return *s >> 8;
 }
 
+/* 8 B .. 4 KiB, most of them small, as programs allocate. */
+static size_t pick_len(uint32_t* s) {
+  uint32_t r = next(s);
+  switch (r % 8) {
+    case 0: return 8 + next(s) % 4089;
+    case 1: case 2: return 8 + next(s) % 505;
+    default: return 8 + next(s) % 121;
+  }
+}
+
 static void* churn(void* arg) {
   struct work* w = arg;
   void** slot = calloc(w->slots, sizeof *slot);
@@ -27,33 +40,34 @@ static void* churn(void* arg) {
   unsigned long sum = 0;
   for (unsigned long i = 0; i < w->ops; ++i) {
     uint32_t r = next(&w->seed);
-    unsigned k = r % w->slots;
-    size_t n = 1 + (next(&w->seed) % 512);
-    if (next(&w->seed) % 64 == 0) n *= 64;
-    switch (r % 7) {
+    unsigned k = (r >> 4) % w->slots;
+    size_t n = pick_len(&w->seed);
+    switch (r % 10) {
       case 0: case 1: case 2:
         free(slot[k]);
         slot[k] = malloc(n);
-        len[k] = n;
         break;
-      case 3:
+      case 3: case 4:
         slot[k] = realloc(slot[k], n);
-        len[k] = n;
         break;
-      case 4:
+      case 5:
         free(slot[k]);
         slot[k] = calloc(1, n);
-        len[k] = n;
+        break;
+      case 6:
+        free(slot[k]);
+        slot[k] = memalign(64, n);
         break;
       default:
         free(slot[k]);
         slot[k] = NULL;
-        len[k] = 0;
+        n = 0;
         break;
     }
+    len[k] = n;
     if (slot[k] != NULL) {
-      memset(slot[k], (int)(i & 0xff), len[k] < 16 ? len[k] : 16);
-      sum += len[k];
+      memset(slot[k], (int)(i & 0xff), n < 16 ? n : 16);
+      sum += n;
     }
   }
   for (unsigned k = 0; k < w->slots; ++k) free(slot[k]);
@@ -64,15 +78,15 @@ static void* churn(void* arg) {
 }
 
 int main(int argc, char** argv) {
-  unsigned long ops = argc > 1 ? strtoul(argv[1], NULL, 10) : 2000000;
-  unsigned slots = argc > 2 ? (unsigned)strtoul(argv[2], NULL, 10) : 4096;
+  unsigned long ops = argc > 1 ? strtoul(argv[1], NULL, 10) : 6000000;
+  unsigned slots = argc > 2 ? (unsigned)strtoul(argv[2], NULL, 10) : 20000;
   unsigned nthreads = argc > 3 ? (unsigned)strtoul(argv[3], NULL, 10) : 1;
   struct work w[64];
   pthread_t t[64];
   if (nthreads < 1 || nthreads > 64) nthreads = 1;
   for (unsigned i = 0; i < nthreads; ++i) {
     w[i].ops = ops / nthreads;
-    w[i].slots = slots;
+    w[i].slots = slots / nthreads;
     w[i].seed = 12345u + i;
     if (nthreads == 1)
       churn(&w[i]);

@@ -90,6 +90,8 @@ void QM_thread_bind_library() {
   bind(&fns.self, "pthread_self");
   bind(&fns.equal, "pthread_equal");
   bind(&fns.setcancelstate, "pthread_setcancelstate");
+  bind(&fns.key_create, "pthread_key_create");
+  bind(&fns.setspecific, "pthread_setspecific");
   fns.register_atfork = reinterpret_cast<decltype(fns.register_atfork)>(
       dlsym(RTLD_NEXT, "__register_atfork"));
   QM_thread_state.single_threaded_flag =
@@ -136,6 +138,13 @@ QM_pthread_t QM_pthread_self() { return bound ? fns.self() : QM_pthread_t{}; }
 int QM_pthread_equal(QM_pthread_t a, QM_pthread_t b) { return bound ? fns.equal(a, b) : a == b; }
 int QM_pthread_setcancelstate(int state, int* oldstate) {
   return fns.setcancelstate != nullptr ? fns.setcancelstate(state, oldstate) : 0;
+}
+
+int QM_thread_key_create(pthread_key_t* key, void (*destructor)(void*)) {
+  return fns.key_create != nullptr ? fns.key_create(key, destructor) : -1;
+}
+int QM_thread_setspecific(pthread_key_t key, const void* value) {
+  return fns.setspecific != nullptr ? fns.setspecific(key, value) : -1;
 }
 
 int QM_thread_disable_cancel(int* old_cancelstate) {

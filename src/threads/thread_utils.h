@@ -33,6 +33,11 @@ void QM_thread_bind_library();
 int QM_thread_utils_initializer();
 int QM_thread_has_initializer_completed();
 
+// Thread-specific data with a destructor run as a thread ends (the C
+// library's keys: no heap for the first keys of a process). -1 when unbound.
+int QM_thread_key_create(pthread_key_t* key, void (*destructor)(void*));
+int QM_thread_setspecific(pthread_key_t key, const void* value);
+
 // Cancellation: disable for the duration of an operation, then restore.
 int QM_thread_disable_cancel(int* old_cancelstate);
 int QM_thread_restore_cancelstate(int old_cancelstate);
@@ -48,6 +53,8 @@ typedef struct QM_thread_functions_t {
   int (*equal)(pthread_t, pthread_t);
   int (*setcancelstate)(int, int*);
   int (*register_atfork)(void (*)(void), void (*)(void), void (*)(void), void*);
+  int (*key_create)(pthread_key_t*, void (*)(void*));
+  int (*setspecific)(pthread_key_t, const void*);
 } QM_thread_functions_t;
 
 typedef struct QM_thread_state_t {

@@ -56,7 +56,7 @@ int reentrancy_regions(size_t* len) {
   cb.arg = &acc;
   cb.f = [](QM_MM_iterator_callbacks_t* c) {
     Acc* a = static_cast<Acc*>(c->arg);
-    if (c->region.tag == mmt_threads_reentrancy_table) ++a->n, a->len = c->region.len;
+    if (c->region.tag == mmt_threads_reentrancy_table) ++a->n, a->len = c->region.len > a->len ? c->region.len : a->len;
     return 0;
   };
   QM_MM_iterate_regions(&cb);
@@ -159,7 +159,9 @@ TEST(ReentrancyTable, ManyThreadsInsideAtOnceGrowTheTable) {
   EXPECT_EQ(grow_failures.load(), 0);
 
   size_t len = 0;
-  EXPECT_EQ(reentrancy_regions(&len), 1);  // the old regions were released
+  // Each growth copies the table one page larger; the old copies stay mapped,
+  // since a thread may be writing its count into one as the table moves.
+  EXPECT_GE(reentrancy_regions(&len), 2);
   EXPECT_GE(len, pages * ps);
   EXPECT_EQ(QM_get_num_times_entered_ia(), 0);
 }

@@ -156,13 +156,20 @@ struct Algo {
   }
 
   void* insert(void* root, void* n, void* k) const {
-    o.set_left(n, o.empty());
-    o.set_right(n, o.empty());
-    o.set_balance(n, avl_equal_high_e);
-    if (o.is_empty(root)) return n;
+    bool inserted;
+    return insert_if(root, n, k, [](void*, void*) { return true; }, &inserted);
+  }
+  // Inserts n under k unless accept(pred, succ), shown the in-order
+  // neighbours the node would get (the empty value where there is none),
+  // refuses it; one descent either way. A duplicate key is fatal.
+  template <class Accept>
+  void* insert_if(void* root, void* n, void* k, Accept accept, bool* inserted) const {
+    *inserted = false;
     void* path[kMaxDepth];
     bool left[kMaxDepth];
     int d = 0;
+    void* pred = o.empty();
+    void* succ = o.empty();
     for (void* t = root; !o.is_empty(t);) {
       int c = o.cmp(k, o.key(t));
       if (c == 0) {
@@ -172,8 +179,20 @@ struct Algo {
       path[d] = t;
       left[d] = c < 0;
       ++d;
-      t = c < 0 ? o.left(t) : o.right(t);
+      if (c < 0) {
+        succ = t;
+        t = o.left(t);
+      } else {
+        pred = t;
+        t = o.right(t);
+      }
     }
+    if (!accept(pred, succ)) return root;
+    *inserted = true;
+    o.set_left(n, o.empty());
+    o.set_right(n, o.empty());
+    o.set_balance(n, avl_equal_high_e);
+    if (d == 0) return n;
     if (left[d - 1])
       o.set_left(path[d - 1], n);
     else
@@ -199,7 +218,6 @@ struct Algo {
     }
     return root;
   }
-
   // *removed receives the node taken out (the empty value when k is absent).
   void* remove(void* root, void* k, void** removed = nullptr) const {
     void* path[kMaxDepth];

@@ -135,19 +135,23 @@ alloc_rec_id_t do_insert_deallocation_record(allocation_record_t rec, QM_HEAP_he
   return id;
 }
 
-// Removes the released ranges that [start, start + len) now covers. *within
-// tells whether the whole of it lay inside one released range (then no live
-// block can overlap it).
-int do_remove_deallocations(const void* start, size_t len, QM_HEAP_heap_op_e op, EventQueue& q,
-                            bool* within = nullptr) {
-  if (within != nullptr) *within = false;
+// Removes the released ranges that [start, start + len) now covers.
+int do_remove_deallocations(const void* start, size_t len, QM_HEAP_heap_op_e op, EventQueue& q) {
   const uintptr_t s = U(start), e = U(start) + len;
   int result = 0;
   alloc_rec_id_t id;
+  // The usual case: the allocator hands out again a range released at the
+  // same start. Released ranges never overlap, so one that reaches at least
+  // to the block's end is the only one it touches.
+  if (len > 0 && (id = QM_HEAP_lookup_deallocation_record(start, nullptr, exact)) != nullptr &&
+      id->allocation_record.len >= len) {
+    const size_t rlen = id->allocation_record.len;
+    if (rlen == len) return QM_HEAP_remove_deallocation_record(start) != 0 ? -1 : 0;
+    return QM_HEAP_set_dealloc_addr_len_by_id(id, reinterpret_cast<void*>(e), rlen - len) != 0 ? -1 : 0;
+  }
   while ((id = QM_HEAP_lookup_deallocation_range_record(start, len, nullptr)) != nullptr) {
     allocation_record_t r = id->allocation_record;
     const uintptr_t rs = U(r.addr), re = U(r.addr) + r.len;
-    if (within != nullptr && rs <= s && re >= e && len > 0) *within = true;
     if (rs >= s && re <= e) {
       if (QM_HEAP_remove_deallocation_record(r.addr) != 0) return -1;
       continue;
@@ -367,9 +371,11 @@ void record_new_block(const NewBlock& b, EventQueue& q) {
   }
   // Live and released ranges never overlap: a block wholly inside a range
   // that was released cannot overlap a live one.
-  bool within_released = false;
-  do_remove_deallocations(b.addr, b.alloc_len, b.op, q, &within_released);
-  if (!within_released) check_double_alloc(b, q);
+  do_remove_deallocations(b.addr, b.alloc_len, b.op, q);
+  // One descent inserts the record and proves it clear of live blocks; only
+  // when it is not does the slow search for the overlapped records run.
+  if (QM_HEAP_insert_allocation_record_if_clear(&rec, b.alloc_len) != nullptr) return;
+  check_double_alloc(b, q);
   if (QM_HEAP_insert_allocation_record(&rec) == nullptr) q.add_record(qm_heap_event_insertion_error, b.op, rec);
 }
 
@@ -463,6 +469,13 @@ bool check_claimed_block(op_body_arg_t* a, const allocation_record_t& rec, owner
   if (!releasing && (rec.flags & af_notify_realloc))
     raise_record_event(qm_heap_event_realloc_notification, a->op, rec, new_len);
   return errors;
+}
+
+// A release that raises nothing before the block goes: the caller owns the
+// block and no one asked to stop at its release.
+bool releases_quietly(op_body_arg_t* a, const allocation_record_t& rec) {
+  return (rec.flags & af_notify_dealloc) == 0 && rec.owner_id == a->owner->id &&
+         a->owner == qm::as_owner(QM_HEAP_c_owner_get_instance());
 }
 
 allocator_t* allocator_of(const allocation_record_t& rec, owner_t* owner) {
@@ -569,10 +582,20 @@ void free_body(op_body_arg_t* a, void* p) {
     inc_op_count(&QM_HEAP_free_op_counts, 1, 1, 0);
     return;
   }
+  // The tables first, in one critical section when the block asks for
+  // nothing to be raised before its release; the allocator after, outside
+  // the lock. Until the allocator has it back nobody can be handed the block
+  // again, and a racing second release already finds it released.
   allocation_record_t rec;
   QM_HEAP_event_e claim_event = qm_heap_event_none;
+  EventQueue q;
+  bool retired = false, gone = false;
   QM_HEAP_ht_alloc_write_lock();
   alloc_rec_id_t id = claim_alloc_rec(p, &rec, &claim_event, qm_heap_op_free);
+  if (id != nullptr && releases_quietly(a, rec)) {
+    gone = !retire_claimed_record(id, rec, qm_heap_op_free, "free_body", q);
+    retired = true;
+  }
   QM_HEAP_ht_alloc_write_unlock();
 
   if (id == nullptr) {
@@ -586,18 +609,18 @@ void free_body(op_body_arg_t* a, void* p) {
     return;
   }
 
-  bool errors = check_claimed_block(a, rec, or_free, 0, true);
+  bool errors = false;
+  if (!retired) {
+    errors = check_claimed_block(a, rec, or_free, 0, true);
+    QM_HEAP_ht_alloc_write_lock();
+    gone = !retire_claimed_record(id, rec, qm_heap_op_free, "free_body", q);
+    QM_HEAP_ht_alloc_write_unlock();
+  }
   allocator_t* al = allocator_of(rec, owner);
-  void* base = QM_HEAP_ht_get_alloc_base_addr(&rec);
-
-  EventQueue q;
-  QM_HEAP_ht_alloc_write_lock();
-  bool gone = !retire_claimed_record(id, rec, qm_heap_op_free, "free_body", q);
   {
     CancelWindow w(a);
-    al->funcs->free(al, owner, base);
+    al->funcs->free(al, owner, QM_HEAP_ht_get_alloc_base_addr(&rec));
   }
-  QM_HEAP_ht_alloc_write_unlock();
   if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_free, rec);
   errors = q.raise() || gone || errors;
   inc_op_count(&QM_HEAP_free_op_counts, 1, 1, errors);
@@ -644,12 +667,12 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
     // Released: the tables first, then the allocator (which frees it).
     QM_HEAP_ht_alloc_write_lock();
     bool gone = !retire_claimed_record(id, rec, qm_heap_op_realloc, "realloc_body", q);
+    QM_HEAP_ht_alloc_write_unlock();
     void* r;
     {
       CancelWindow w(a);
       r = al->funcs->realloc(al, owner, base, 0);
     }
-    QM_HEAP_ht_alloc_write_unlock();
     if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_realloc, rec);
     errors = q.raise() || gone || errors;
     inc_op_count(&QM_HEAP_realloc_op_counts, 1, 1, errors);
@@ -660,11 +683,11 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
   bool changed = false;
   allocation_record_t current = {};
   void* r;
+  // The lock is held across the allocator's call (it may hand the old range
+  // to another thread at once), and so the caller's cancellation state is not
+  // restored around it: a cancellation must never find an agent lock held.
   QM_HEAP_ht_alloc_write_lock();
-  {
-    CancelWindow w(a);
-    r = al->funcs->realloc(al, owner, base, len);
-  }
+  r = al->funcs->realloc(al, owner, base, len);
   alloc_rec_id_t again = QM_HEAP_lookup_allocation_record(rec.addr, &current, exact);
   if (again == nullptr) {
     deleted = true;

@@ -86,36 +86,57 @@ int QM_HEAP_c_owner_has_rights(owner_t* self, owner_t* other, owner_rights_e) {
   return self == other;
 }
 
+// The gate's fast path takes no lock: an operation counts itself in with one
+// atomic add and looks for a blocker afterwards; a blocker announces itself
+// before it looks at the count. Both are sequentially consistent, so one of
+// the two always sees the other: either the operation backs out and waits,
+// or the blocker waits for it to finish.
 int QM_HEAP_c_owner_start_op(c_owner_t* self) {
   c_owner_sync_info_t* s = sync_of(self);
+  if (!qm::is_multi_threaded()) {  // nobody else to block
+    ++s->num_ops;
+    return 0;
+  }
+  __atomic_add_fetch(&s->num_ops, 1, __ATOMIC_SEQ_CST);
+  if (QM_LIKELY(__atomic_load_n(&s->num_waiting_to_block, __ATOMIC_SEQ_CST) == 0 &&
+                __atomic_load_n(&s->is_blocked, __ATOMIC_SEQ_CST) == 0))
+    return 0;
   qm::mutex_lock(&s->m);
+  if (__atomic_sub_fetch(&s->num_ops, 1, __ATOMIC_SEQ_CST) == 0 && s->num_waiting_to_block > 0)
+    QM_pthread_cond_signal(&s->waiting_to_block);
   while (s->is_blocked || s->num_waiting_to_block > 0) {
     ++s->num_waiting_for_ops;
     QM_pthread_cond_wait(&s->waiting_for_ops, &s->m);
     --s->num_waiting_for_ops;
   }
-  ++s->num_ops;
+  __atomic_add_fetch(&s->num_ops, 1, __ATOMIC_SEQ_CST);
   qm::mutex_unlock(&s->m);
   return 0;
 }
 
 int QM_HEAP_c_owner_finish_op(c_owner_t* self) {
   c_owner_sync_info_t* s = sync_of(self);
-  qm::mutex_lock(&s->m);
-  if (--s->num_ops == 0 && s->num_waiting_to_block > 0) QM_pthread_cond_signal(&s->waiting_to_block);
-  qm::mutex_unlock(&s->m);
+  if (!qm::is_multi_threaded()) {
+    --s->num_ops;
+    return 0;
+  }
+  if (__atomic_sub_fetch(&s->num_ops, 1, __ATOMIC_SEQ_CST) == 0 &&
+      __atomic_load_n(&s->num_waiting_to_block, __ATOMIC_SEQ_CST) > 0) {
+    qm::mutex_lock(&s->m);
+    QM_pthread_cond_signal(&s->waiting_to_block);
+    qm::mutex_unlock(&s->m);
+  }
   return 0;
 }
 
 int QM_HEAP_c_owner_block_ops(c_owner_t* self) {
   c_owner_sync_info_t* s = sync_of(self);
   qm::mutex_lock(&s->m);
-  while (s->num_ops > 0 || s->is_blocked) {
-    ++s->num_waiting_to_block;
+  __atomic_add_fetch(&s->num_waiting_to_block, 1, __ATOMIC_SEQ_CST);
+  while (__atomic_load_n(&s->num_ops, __ATOMIC_SEQ_CST) > 0 || s->is_blocked)
     QM_pthread_cond_wait(&s->waiting_to_block, &s->m);
-    --s->num_waiting_to_block;
-  }
-  s->is_blocked = 1;
+  __atomic_sub_fetch(&s->num_waiting_to_block, 1, __ATOMIC_SEQ_CST);
+  __atomic_store_n(&s->is_blocked, 1, __ATOMIC_SEQ_CST);
   qm::mutex_unlock(&s->m);
   return 0;
 }
@@ -123,7 +144,7 @@ int QM_HEAP_c_owner_block_ops(c_owner_t* self) {
 int QM_HEAP_c_owner_unblock_ops(c_owner_t* self) {
   c_owner_sync_info_t* s = sync_of(self);
   qm::mutex_lock(&s->m);
-  s->is_blocked = 0;
+  __atomic_store_n(&s->is_blocked, 0, __ATOMIC_SEQ_CST);
   if (s->num_waiting_to_block > 0)
     QM_pthread_cond_signal(&s->waiting_to_block);
   else if (s->num_waiting_for_ops > 0)

@@ -7,6 +7,7 @@
 #include "base/memory_manager.h"
 #include "base/page.h"
 #include "events/output.h"
+#include "heap/start_index.h"
 
 extern "C" {
 constinit heap_avl_info_t QM_HEAP_allocation_table = {};
@@ -28,6 +29,12 @@ constexpr const char kFile[] = "../src/generic/heap_avl.c";
 constinit QM_pthread_mutex_t alloc_mutex = PTHREAD_MUTEX_INITIALIZER;
 constinit QM_pthread_mutex_t dealloc_mutex = PTHREAD_MUTEX_INITIALIZER;
 constinit int heap_tables_initialized = 0;
+
+// Block start -> node, beside each tree (allocation table first).
+constinit qm::StartIndex start_indexes[2] = {};
+inline qm::StartIndex& index_of(const heap_avl_info_t* t) {
+  return start_indexes[t == &QM_HEAP_allocation_table ? 0 : 1];
+}
 
 using Node = heap_avl_node_t;
 inline Node* N(void* p) { return static_cast<Node*>(p); }
@@ -135,13 +142,21 @@ alloc_rec_id_t insert(heap_avl_info_t* t, const allocation_record_t* rec) {
   n->allocation_record = *rec;
   t->root = N(qm::avl::insert(ExactOps{}, t->root, n));
   ++t->num_records;
+  index_of(t).put(U(rec->addr), n);
   return n;
 }
 
+// Records never overlap within a table, so a record that starts at addr is
+// also the one that contains it.
 alloc_rec_id_t lookup(heap_avl_info_t* t, const void* addr, allocation_record_t* out, exact_lookup_e how) {
   void* k = const_cast<void*>(addr);
-  Node* n = how == exact ? N(Algo<ExactOps>{ExactOps{}}.lookup(t->root, k))
-                         : N(Algo<NonExactOps>{NonExactOps{}}.lookup(t->root, k));
+  const qm::StartIndex& ix = index_of(t);
+  Node* n;
+  if (ix.failed)
+    n = how == exact ? N(Algo<ExactOps>{ExactOps{}}.lookup(t->root, k))
+                     : N(Algo<NonExactOps>{NonExactOps{}}.lookup(t->root, k));
+  else if ((n = N(ix.find(U(addr)))) == nullptr && how != exact)
+    n = N(Algo<NonExactOps>{NonExactOps{}}.lookup(t->root, k));
   if (n != nullptr && out != nullptr) *out = n->allocation_record;
   return n;
 }
@@ -163,15 +178,18 @@ int remove(heap_avl_info_t* t, const void* addr) {
   }
   release_node(t, n);
   --t->num_records;
+  index_of(t).erase(U(addr));
   return 0;
 }
 
 // Gives a record a new address: out of the tree under the old key, back in
 // under the new one; the node, and so the id, stays.
 void rekey(heap_avl_info_t* t, Node* n, void* addr) {
+  index_of(t).erase(U(n->allocation_record.addr));
   t->root = N(qm::avl::remove(ExactOps{}, t->root, n->allocation_record.addr));
   n->allocation_record.addr = addr;
   t->root = N(qm::avl::insert(ExactOps{}, t->root, n));
+  index_of(t).put(U(addr), n);
 }
 
 struct IterArg {
@@ -208,6 +226,7 @@ int filter_walk(heap_avl_info_t* t, Node* n, ht_filter_func_t f, void* arg, int*
     *stopped = farg.stop_iterating;
   }
   if (farg.delete_it) {
+    index_of(t).erase(U(n->allocation_record.addr));
     release_node(t, n);
   } else {
     t->root = N(qm::avl::insert(ExactOps{}, t->root, n));
@@ -229,6 +248,10 @@ int QM_HEAP_init_heap_tables() {
   QM_HEAP_lookup_method_ops[lookup_region] = &region_ops;
   QM_HEAP_allocation_table = {};
   QM_HEAP_deallocation_table = {};
+  for (qm::StartIndex& ix : start_indexes) {
+    ix.clear();
+    ix.failed = false;
+  }
   heap_tables_initialized = 1;
   return 0;
 }
@@ -252,6 +275,34 @@ alloc_rec_id_t QM_HEAP_lookup_allocation_record(const void* addr, allocation_rec
                                                 exact_lookup_e exact_lookup) {
   return lookup(&QM_HEAP_allocation_table, addr, rec_out, exact_lookup);
 }
+alloc_rec_id_t QM_HEAP_insert_allocation_record_if_clear(const allocation_record_t* rec, size_t span) {
+  heap_avl_info_t* t = &QM_HEAP_allocation_table;
+  const uintptr_t s = U(rec->addr), e = s + (span > 0 ? span : 1);
+  Node* n = take_node(t);
+  bool inserted;
+  // Clear of live blocks: the one before ends at or before the start, the
+  // one after starts at or after the end (a zero-length record included).
+  auto clear = [s, e](void* pred, void* succ) {
+    if (pred != nullptr && U(N(pred)->allocation_record.addr) + N(pred)->allocation_record.len > s) return false;
+    return succ == nullptr || U(N(succ)->allocation_record.addr) >= e;
+  };
+  n->allocation_record = *rec;
+  // A duplicate start is never passed to the tree: the index tells it first.
+  const qm::StartIndex& ix = index_of(t);
+  if ((ix.failed ? Algo<ExactOps>{ExactOps{}}.lookup(t->root, rec->addr) : ix.find(s)) != nullptr) {
+    release_node(t, n);
+    return nullptr;
+  }
+  t->root = N(Algo<ExactOps>{ExactOps{}}.insert_if(t->root, n, rec->addr, clear, &inserted));
+  if (!inserted) {
+    release_node(t, n);
+    return nullptr;
+  }
+  ++t->num_records;
+  index_of(t).put(s, n);
+  return n;
+}
+
 alloc_rec_id_t QM_HEAP_lookup_allocation_range_record(const void* addr, size_t len,
                                                       allocation_record_t* rec_out) {
   return lookup_range(&QM_HEAP_allocation_table, addr, len, rec_out);
@@ -367,9 +418,12 @@ int QM_HEAP_set_dealloc_addr_len_by_id(alloc_rec_id_t id, void* p, size_t len) {
   // Released ranges do not overlap: a start moved within the range keeps the
   // record's place in the order, so the key changes in place.
   bool in_place = U(p) >= U(r->addr) && U(p) <= U(r->addr) + r->len;
-  if (in_place)
+  if (in_place) {
+    qm::StartIndex& ix = index_of(&QM_HEAP_deallocation_table);
+    ix.erase(U(r->addr));
     r->addr = p;
-  else
+    ix.put(U(p), id);
+  } else
     rekey(&QM_HEAP_deallocation_table, id, p);
   r->len = len;
   return 0;

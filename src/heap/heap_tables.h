@@ -80,6 +80,9 @@ const char* QM_HEAP_alloc_rec_flag_to_str(int flag);
 alloc_rec_id_t QM_HEAP_insert_allocation_record(const allocation_record_t* rec);
 alloc_rec_id_t QM_HEAP_lookup_allocation_record(const void* addr, allocation_record_t* rec_out,
                                                 exact_lookup_e exact_lookup);
+// Inserts the record only if no live record intersects [addr, addr + span)
+// (span 0 counts as 1), in one descent; null when one does (nothing changed).
+alloc_rec_id_t QM_HEAP_insert_allocation_record_if_clear(const allocation_record_t* rec, size_t span);
 alloc_rec_id_t QM_HEAP_lookup_allocation_range_record(const void* addr, size_t len,
                                                       allocation_record_t* rec_out);
 int QM_HEAP_remove_allocation_record(const void* addr);

@@ -218,13 +218,17 @@ struct Algo {
     }
     return root;
   }
-  // *removed receives the node taken out (the empty value when k is absent).
-  void* remove(void* root, void* k, void** removed = nullptr) const {
+  // *removed receives the node taken out (the empty value when k is absent);
+  // *next, when asked for, the node that followed it in order (found on the
+  // same descent: nodes stay where they are when others move in the tree).
+  void* remove(void* root, void* k, void** removed = nullptr, void** next = nullptr) const {
     void* path[kMaxDepth];
     bool left[kMaxDepth];
     int d = 0;
     void* t = root;
+    void* after = o.empty();
     if (removed != nullptr) *removed = o.empty();
+    if (next != nullptr) *next = o.empty();
     for (;;) {
       if (o.is_empty(t)) return root;  // not present: nothing changes
       int c = o.cmp(k, o.key(t));
@@ -232,9 +236,17 @@ struct Algo {
       path[d] = t;
       left[d] = c < 0;
       ++d;
+      if (c < 0) after = t;
       t = c < 0 ? o.left(t) : o.right(t);
     }
     if (removed != nullptr) *removed = t;
+    if (next != nullptr) {
+      if (!o.is_empty(o.right(t))) {
+        after = o.right(t);
+        while (!o.is_empty(o.left(after))) after = o.left(after);
+      }
+      *next = after;
+    }
     if (o.is_empty(o.left(t)) || o.is_empty(o.right(t))) {
       void* rest = o.is_empty(o.left(t)) ? o.right(t) : o.left(t);
       if (!is_leaf_or_empty(rest)) QM_AVL_fatal("delete error");
@@ -348,8 +360,8 @@ inline void* insert(const O& o, void* root, void* n) {
 }
 
 template <class O>
-inline void* remove(const O& o, void* root, void* key, void** removed = nullptr) {
-  void* r = Algo<O>{o}.remove(root, key, removed);
+inline void* remove(const O& o, void* root, void* key, void** removed = nullptr, void** next = nullptr) {
+  void* r = Algo<O>{o}.remove(root, key, removed, next);
   if (QM_AVL_assert_delete && Algo<O>{o}.check(r) != 0) QM_AVL_fatal("delete checkAvl");
   return r;
 }

@@ -141,13 +141,19 @@ int do_remove_deallocations(const void* start, size_t len, QM_HEAP_heap_op_e op,
   int result = 0;
   alloc_rec_id_t id;
   // The usual case: the allocator hands out again a range released at the
-  // same start. Released ranges never overlap, so one that reaches at least
-  // to the block's end is the only one it touches.
-  if (len > 0 && (id = QM_HEAP_lookup_deallocation_record(start, nullptr, exact)) != nullptr &&
-      id->allocation_record.len >= len) {
-    const size_t rlen = id->allocation_record.len;
-    if (rlen == len) return QM_HEAP_remove_deallocation_record(start) != 0 ? -1 : 0;
-    return QM_HEAP_set_dealloc_addr_len_by_id(id, reinterpret_cast<void*>(e), rlen - len) != 0 ? -1 : 0;
+  // same start. Released ranges never overlap and are visited in order from
+  // there: each one the block covers goes (its removal names the next), and
+  // one that reaches past the block's end is moved to start there, which
+  // keeps its place in the order.
+  if (len > 0 && (id = QM_HEAP_lookup_deallocation_record(start, nullptr, exact)) != nullptr) {
+    while (id != nullptr && U(id->allocation_record.addr) < e) {
+      const uintptr_t rs = U(id->allocation_record.addr), re = rs + id->allocation_record.len;
+      if (re > e) return QM_HEAP_set_dealloc_addr_len_by_id(id, reinterpret_cast<void*>(e), re - e) != 0 ? -1 : 0;
+      alloc_rec_id_t next = nullptr;
+      if (QM_HEAP_remove_deallocation_record_next(reinterpret_cast<void*>(rs), &next) != 0) return -1;
+      id = next;
+    }
+    return 0;
   }
   while ((id = QM_HEAP_lookup_deallocation_range_record(start, len, nullptr)) != nullptr) {
     allocation_record_t r = id->allocation_record;

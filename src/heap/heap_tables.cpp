@@ -26,7 +26,9 @@ namespace {
 
 constexpr const char kFile[] = "../src/generic/heap_avl.c";
 
-constinit QM_pthread_mutex_t alloc_mutex = PTHREAD_MUTEX_INITIALIZER;
+// Adaptive: critical sections are short, and a waiter that spins a little
+// usually gets in without sleeping in the kernel.
+constinit QM_pthread_mutex_t alloc_mutex = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
 constinit QM_pthread_mutex_t dealloc_mutex = PTHREAD_MUTEX_INITIALIZER;
 constinit int heap_tables_initialized = 0;
 
@@ -52,9 +54,22 @@ struct NodeOps {
   static void set_balance(void* n, avl_balance_t b) { N(n)->balance = b; }
 };
 
+// A record's start moves only through here, so the copy beside the links
+// follows it.
+inline void set_start(Node* n, void* addr) {
+  n->allocation_record.addr = addr;
+#if defined(__x86_64__)
+  n->key_addr = addr;
+#endif
+}
+
 // Exact: the key is the block's address, compared unsigned.
 struct ExactOps : NodeOps {
+#if defined(__x86_64__)
+  static void* key(void* n) { return N(n)->key_addr; }
+#else
   static void* key(void* n) { return N(n)->allocation_record.addr; }
+#endif
   static int cmp(void* a, void* b) { return U(a) < U(b) ? -1 : U(a) > U(b) ? 1 : 0; }
 };
 
@@ -140,6 +155,7 @@ void release_node(heap_avl_info_t* t, Node* n) {
 alloc_rec_id_t insert(heap_avl_info_t* t, const allocation_record_t* rec) {
   Node* n = take_node(t);
   n->allocation_record = *rec;
+  set_start(n, rec->addr);
   t->root = N(qm::avl::insert(ExactOps{}, t->root, n));
   ++t->num_records;
   index_of(t).put(U(rec->addr), n);
@@ -168,9 +184,10 @@ alloc_rec_id_t lookup_range(heap_avl_info_t* t, const void* addr, size_t len, al
   return n;
 }
 
-int remove(heap_avl_info_t* t, const void* addr) {
+int remove(heap_avl_info_t* t, const void* addr, Node** next = nullptr) {
   void* removed = nullptr;
-  t->root = N(qm::avl::remove(ExactOps{}, t->root, const_cast<void*>(addr), &removed));
+  t->root = N(qm::avl::remove(ExactOps{}, t->root, const_cast<void*>(addr), &removed,
+                              reinterpret_cast<void**>(next)));
   Node* n = N(removed);
   if (n == nullptr) {
     QM_HEAP_printf("address to be deleted not in heap avl table\n  ( %s.%d )\n", kFile, __LINE__);
@@ -187,7 +204,7 @@ int remove(heap_avl_info_t* t, const void* addr) {
 void rekey(heap_avl_info_t* t, Node* n, void* addr) {
   index_of(t).erase(U(n->allocation_record.addr));
   t->root = N(qm::avl::remove(ExactOps{}, t->root, n->allocation_record.addr));
-  n->allocation_record.addr = addr;
+  set_start(n, addr);
   t->root = N(qm::avl::insert(ExactOps{}, t->root, n));
   index_of(t).put(U(addr), n);
 }
@@ -287,6 +304,7 @@ alloc_rec_id_t QM_HEAP_insert_allocation_record_if_clear(const allocation_record
     return succ == nullptr || U(N(succ)->allocation_record.addr) >= e;
   };
   n->allocation_record = *rec;
+  set_start(n, rec->addr);
   // A duplicate start is never passed to the tree: the index tells it first.
   const qm::StartIndex& ix = index_of(t);
   if ((ix.failed ? Algo<ExactOps>{ExactOps{}}.lookup(t->root, rec->addr) : ix.find(s)) != nullptr) {
@@ -410,6 +428,9 @@ alloc_rec_id_t QM_HEAP_lookup_deallocation_range_record(const void* addr, size_t
   return lookup_range(&QM_HEAP_deallocation_table, addr, len, rec_out);
 }
 int QM_HEAP_remove_deallocation_record(const void* addr) { return remove(&QM_HEAP_deallocation_table, addr); }
+int QM_HEAP_remove_deallocation_record_next(const void* addr, alloc_rec_id_t* next) {
+  return remove(&QM_HEAP_deallocation_table, addr, next);
+}
 int QM_HEAP_get_num_records_in_deallocation_table() { return QM_HEAP_deallocation_table.num_records; }
 
 int QM_HEAP_set_dealloc_addr_len_by_id(alloc_rec_id_t id, void* p, size_t len) {
@@ -421,7 +442,7 @@ int QM_HEAP_set_dealloc_addr_len_by_id(alloc_rec_id_t id, void* p, size_t len) {
   if (in_place) {
     qm::StartIndex& ix = index_of(&QM_HEAP_deallocation_table);
     ix.erase(U(r->addr));
-    r->addr = p;
+    set_start(id, p);
     ix.put(U(p), id);
   } else
     rekey(&QM_HEAP_deallocation_table, id, p);

@@ -19,9 +19,11 @@ typedef struct heap_avl_node_t {
   struct heap_avl_node_t* left;
   struct heap_avl_node_t* right;
 #if defined(__x86_64__)
-  // 128 bytes, so that a node is one aligned pair of cache lines, which the
-  // processor fetches together: a descent touches a node's key and links.
-  char pad[16];
+  // A copy of allocation_record.addr beside the links, so that a descent by
+  // address reads one cache line of each node (the record's first line holds
+  // addr, the second the links); 128 bytes, one aligned pair of lines.
+  void* key_addr;
+  char pad[8];
 #endif
 } heap_avl_node_t;
 
@@ -109,6 +111,9 @@ alloc_rec_id_t QM_HEAP_lookup_deallocation_record(const void* addr, allocation_r
 alloc_rec_id_t QM_HEAP_lookup_deallocation_range_record(const void* addr, size_t len,
                                                         allocation_record_t* rec_out);
 int QM_HEAP_remove_deallocation_record(const void* addr);
+// The same, and *next the record that followed it in address order (null
+// for none), found on the same descent.
+int QM_HEAP_remove_deallocation_record_next(const void* addr, alloc_rec_id_t* next);
 int QM_HEAP_get_num_records_in_deallocation_table();
 int QM_HEAP_set_dealloc_addr_len_by_id(alloc_rec_id_t id, void* p, size_t len);
 int QM_HEAP_set_dealloc_flags_by_id(alloc_rec_id_t id, int flags);

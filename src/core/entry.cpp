@@ -11,7 +11,7 @@ void interposer_entry_setup_caller_state(caller_state_info_t* caller) {
 }
 
 void interposer_finish_cleanup_handler(void* arg) {
-  qm::finish_caller_state(static_cast<caller_state_info_t*>(arg));
+  qm::finish_outermost(static_cast<op_body_arg_t*>(arg));
 }
 
 }  // extern "C"

@@ -29,9 +29,10 @@ typedef struct op_body_arg_t {
 // call's record (to which op_arg->rp then points).
 void setup_reentry_info(op_body_arg_t* op_arg, reentry_info_t* local);
 void interposer_entry_setup_caller_state(caller_state_info_t* caller);
-// Restores the cancellation state and leaves the agent: exactly once per
-// outermost call, also when a cancellation unwinds through it.
-void interposer_finish_cleanup_handler(void* caller);
+// Counts the operation out of its owner's gate, restores the cancellation
+// state and leaves the agent: exactly once per outermost call (its argument
+// is the call's op_body_arg_t), also when a cancellation unwinds through it.
+void interposer_finish_cleanup_handler(void* op_arg);
 }
 
 // The same, inline for the interposers' hot path.
@@ -54,5 +55,12 @@ inline void setup_caller_state(caller_state_info_t* caller) {
 inline void finish_caller_state(caller_state_info_t* caller) {
   if (caller->is_multi_threaded) QM_thread_restore_cancelstate(caller->old_cancelstate);
   QM_leave_ia();
+}
+// The end of an outermost call: out of the gate first, while cancellation is
+// still off, so that no cancellation can leave the gate counting it.
+inline void finish_outermost(op_body_arg_t* a) {
+  c_owner_t* c = reinterpret_cast<c_owner_t*>(a->owner);
+  c->funcs->finish_op(c);
+  finish_caller_state(&a->caller_info);
 }
 }  // namespace qm

@@ -45,20 +45,22 @@ inline auto enter(QM_HEAP_heap_op_e op, const char* name, Body body, Direct dire
   qm::setup_reentry_info(&a, &local);
   if (QM_LIKELY(a.num_times_entered == 1)) {
     c_owner_t* c = reinterpret_cast<c_owner_t*>(owner);
-    c->funcs->start_op(c);
     decltype(body(&a)) r;
+    // Cancellation off before anything is counted or locked: an asynchronous
+    // cancellation can then strike only where the caller's own state is
+    // restored around the allocator, with no agent lock held.
     qm::setup_caller_state(&a.caller_info);
+    c->funcs->start_op(c);
     if (local.want_cleanup_handler) {
-      // Leaves the agent and restores the cancellation state also when a
-      // cancellation unwinds through the body.
-      QM_thread_cleanup_push(interposer_finish_cleanup_handler, &a.caller_info);
+      // Leaves the gate and the agent and restores the cancellation state
+      // also when a cancellation unwinds through the body.
+      QM_thread_cleanup_push(interposer_finish_cleanup_handler, &a);
       r = body(&a);
       QM_thread_cleanup_pop(1);
     } else {
       r = body(&a);
-      qm::finish_caller_state(&a.caller_info);
+      qm::finish_outermost(&a);
     }
-    c->funcs->finish_op(c);
     return r;
   }
   if (a.rp->allow_reentry) {

@@ -2,7 +2,7 @@
 #   make          build both architectures
 #   make test     build and run every test of both (QEMU=1 runs i386 through qemu-i386)
 #   make demo     run the bundled example under the 64-bit agent
-#   make bench    run the benchmarks
+#   make bench    run the benchmarks (bench/run.py: real workloads plain, under the agent and its peers)
 PRESETS := x86_64 i386
 FORCE_QEMU := $(if $(QEMU),ON,OFF)
 
@@ -27,6 +27,7 @@ demo: build
 	@scripts/demo.sh build/x86_64
 
 bench: build
+	@scripts/install-deps.sh bench
 	@bench/run.sh
 
 clean:

@@ -1,7 +1,12 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, only the packages that are missing. Idempotent.
+# Usage: install-deps.sh [bench]   (bench: also the benchmark's workloads,
+# GNU time, and heaptrack and valgrind, its peer columns)
 set -eu
 pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc"
+if [ "${1:-}" = bench ]; then
+  pkgs="$pkgs sqlite3 git time heaptrack valgrind"
+fi
 missing=""
 for p in $pkgs; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

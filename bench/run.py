@@ -538,6 +538,7 @@ class Bench:
         peers = self.peers()
         ws = self.workloads()
         started = time.perf_counter()
+        self.load_start = os.getloadavg()[0]
         log("bench: %d workloads, %d round%s each, %s; peers: %s"
             % (len(ws), self.pairs, "" if self.pairs == 1 else "s", "quick inputs" if self.quick else "full inputs",
                ", ".join(peers) or "none"))
@@ -625,6 +626,8 @@ class Bench:
             "- C library: %s" % glibc_version(),
             "- programs: %s" % "; ".join(tool_versions(self.tools, peers)),
             "- rounds: %d per workload after one warm-up; %.0f s in all" % (self.pairs, elapsed),
+            "- load average (1 min) at start %.2f, at end %.2f: other work on the machine skews wall times"
+            % (self.load_start, os.getloadavg()[0]),
             "",
             "Each cell: median over the rounds of the per-round ratio tool/plain of wall time, "
             "(CPU time: user + system of the whole process tree) and [peak RSS: the largest process of the tree]. "

@@ -573,7 +573,6 @@ class Bench:
         log("bench: %s (%.0f s in all)" % (os.path.relpath(path, ROOT), elapsed))
         if self.args.micro:
             self.micro(path)
-        shutil.rmtree(self.tmp, ignore_errors=True)
         return 1 if self.failures else 0
 
     # -- the report
@@ -750,7 +749,12 @@ def main():
         except BlockingIOError:
             log("bench: another benchmark run holds %s; waiting for it" % LOCK)
             fcntl.flock(lock, fcntl.LOCK_EX)
-        sys.exit(Bench(args).go())
+        bench = Bench(args)
+        try:
+            status = bench.go()
+        finally:
+            shutil.rmtree(bench.tmp, ignore_errors=True)
+        sys.exit(status)
 
 
 if __name__ == "__main__":

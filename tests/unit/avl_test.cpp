@@ -164,7 +164,6 @@ TEST(Avl, FullAndRangeWalksDifferOnResultsFromLeftSubtrees) {
 }
 
 TEST(AvlDeathTest, BrokenInvariantsHaltWithTheirMessage) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
         Tree t;

@@ -477,11 +477,15 @@ bool check_claimed_block(op_body_arg_t* a, const allocation_record_t& rec, owner
   return errors;
 }
 
+// The C owner's own block: the rights check cannot fail.
+bool owns_quietly(op_body_arg_t* a, const allocation_record_t& rec) {
+  return rec.owner_id == a->owner->id && a->owner == qm::as_owner(QM_HEAP_c_owner_get_instance());
+}
+
 // A release that raises nothing before the block goes: the caller owns the
 // block and no one asked to stop at its release.
 bool releases_quietly(op_body_arg_t* a, const allocation_record_t& rec) {
-  return (rec.flags & af_notify_dealloc) == 0 && rec.owner_id == a->owner->id &&
-         a->owner == qm::as_owner(QM_HEAP_c_owner_get_instance());
+  return (rec.flags & af_notify_dealloc) == 0 && owns_quietly(a, rec);
 }
 
 allocator_t* allocator_of(const allocation_record_t& rec, owner_t* owner) {
@@ -644,7 +648,11 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
   QM_HEAP_event_e claim_event = qm_heap_event_none;
   QM_HEAP_ht_alloc_write_lock();
   alloc_rec_id_t id = claim_alloc_rec(old_addr, &rec, &claim_event, qm_heap_op_realloc);
-  QM_HEAP_ht_alloc_write_unlock();
+  // A resize that raises nothing before the allocator's call keeps the lock
+  // from the claim to the record's update: one critical section.
+  const bool held = id != nullptr && len != 0 && (rec.flags & af_notify_realloc) == 0 &&
+                    owns_quietly(a, rec);
+  if (!held) QM_HEAP_ht_alloc_write_unlock();
 
   if (id == nullptr) {
     // An unknown block is still handed to the allocator; what it returns is
@@ -664,7 +672,7 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
     return r;
   }
 
-  bool errors = check_claimed_block(a, rec, or_realloc, len, len == 0);
+  bool errors = held ? false : check_claimed_block(a, rec, or_realloc, len, len == 0);
   allocator_t* al = allocator_of(rec, owner);
   void* base = QM_HEAP_ht_get_alloc_base_addr(&rec);
   EventQueue q;
@@ -692,7 +700,7 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
   // The lock is held across the allocator's call (it may hand the old range
   // to another thread at once), and so the caller's cancellation state is not
   // restored around it: a cancellation must never find an agent lock held.
-  QM_HEAP_ht_alloc_write_lock();
+  if (!held) QM_HEAP_ht_alloc_write_lock();
   r = al->funcs->realloc(al, owner, base, len);
   alloc_rec_id_t again = QM_HEAP_lookup_allocation_record(rec.addr, &current, exact);
   if (again == nullptr) {

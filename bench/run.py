@@ -60,8 +60,8 @@ FRAME = ("QM_HEAP:  STARTING", "QM_HEAP:  QM distribution", "QM_HEAP:  FINISHING
 # how fast this machine turns out to be, they give the estimates printed
 # along the way. Checks and the warm-up cost about half a round more.
 REFERENCE_ROUND_SECONDS = {
-    "churn-1t": 13, "churn-2t": 24, "churn-4t": 16, "churn-i386": 26,
-    "python": 20, "perl": 9, "sqlite": 15, "gcc": 20, "git": 17,
+    "churn-1t": 11, "churn-2t": 18, "churn-4t": 19, "churn-i386": 31,
+    "python": 18, "perl": 8, "sqlite": 23, "gcc": 18, "git": 16,
 }
 
 
@@ -179,8 +179,8 @@ class Churn(Workload):
         self.name = name or "churn-%dt" % threads
         self.label = "churn, %d thread%s" % (threads, "s" if threads > 1 else "")
         super().__init__(tmp, quick, tools)
-        self.valgrind_note = ("valgrind runs churn with %d operations (plain and valgrind alike; "
-                              "the other columns use %d)" % (self.OPS // 10, self.OPS))
+        self.valgrind_note = ("valgrind runs churn with {:,} operations (plain and valgrind alike; "
+                              "the other columns use {:,})".format(self.OPS // 10, self.OPS))
 
     def ops(self, size):
         if self.quick:

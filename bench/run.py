@@ -337,6 +337,7 @@ class Bench:
         self.quick = args.quick
         self.pairs = 1 if self.quick else args.pairs
         self.tmp = tempfile.mkdtemp(prefix="qmheap-bench-")
+        self.revision = git_revision()  # of the tree whose build is copied next
         self.tools = self.find_tools()
         self.env = clean_env()
         self.failures = []
@@ -604,7 +605,7 @@ class Bench:
         if notes:
             table += "\n\n" + "\n".join("%d. %s" % (i + 1, n) for i, n in enumerate(notes))
 
-        rev, dirty = git_revision()
+        rev, dirty = self.revision
         checks = []
         for w, same, events, expected in self.checks:
             shown = expected.strip().splitlines()[-1] if expected.strip() else "(no output)"
@@ -646,7 +647,7 @@ class Bench:
 
     def save(self, report):
         os.makedirs(RESULTS, exist_ok=True)
-        rev, _ = git_revision()
+        rev, _ = self.revision
         name = "%s-%s%s.md" % (datetime.date.today().isoformat(), rev, "-quick" if self.quick else "")
         path = os.path.join(RESULTS, name)
         with open(path, "w") as f:

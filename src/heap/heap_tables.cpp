@@ -139,6 +139,17 @@ Node* take_node(heap_avl_info_t* t) {
     t->free = n->left;
     return n;
   }
+  // Both tables use one node size, and both change only under the
+  // allocation-table lock: a node the other table released serves as well
+  // as a fresh one. A release moves a record from one table to the other, so
+  // this takes the node just given up (still in the cache), and a program
+  // that releases most of its blocks at once needs no new pages for them.
+  heap_avl_info_t* other = t == &QM_HEAP_allocation_table ? &QM_HEAP_deallocation_table : &QM_HEAP_allocation_table;
+  if (other->free != nullptr) {
+    Node* n = other->free;
+    other->free = n->left;
+    return n;
+  }
   if (t->fresh_nodes == nullptr || t->fresh_nodes_next >= t->fresh_nodes_bound) grow(t);
   Node* n = &t->fresh_nodes[t->fresh_nodes_next++];
   if (n == nullptr)

@@ -375,8 +375,6 @@ void record_new_block(const NewBlock& b, EventQueue& q) {
     e.allocation_record = rec;
     e.alignment = b.expected_alignment;
   }
-  // Live and released ranges never overlap: a block wholly inside a range
-  // that was released cannot overlap a live one.
   do_remove_deallocations(b.addr, b.alloc_len, b.op, q);
   // One descent inserts the record and proves it clear of live blocks; only
   // when it is not does the slow search for the overlapped records run.

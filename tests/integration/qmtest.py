@@ -6,6 +6,7 @@ through the build's runner (which hides whether qemu is in the way)."""
 
 import json
 import os
+import re
 import subprocess
 import sys
 import unittest
@@ -62,6 +63,52 @@ def without_frame(text):
     """text less the start-up and shut-down lines (and the emulator's note
     of a fatal signal)."""
     return "".join(l for l in text.splitlines(True) if not l.startswith(FRAME) and not l.startswith("qemu: uncaught"))
+
+
+# The exit-time allocation list (display_allocations_on_exit): its lines are
+# the agent's own report, not events.
+_DUMP_LINES = (re.compile(r"^QM_HEAP:  remaining allocated blocks$"),
+               re.compile(r"^QM_HEAP:  ALLOCATION TABLE --- (START|END)$"),
+               re.compile(r"^QM_HEAP:  +[0-9a-f]+ +\d+$"),
+               re.compile(r"^QM_HEAP:  +\d+ +(calloc|free|malloc|realloc|valloc|memalign) \( +\d+ errors\)$"),
+               re.compile(r"^QM_HEAP:  number of outstanding allocations: +\d+$"))
+
+# The environment of a run whose every event goes to the console.
+VERBOSE = {"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": "verbosity=2"}
+
+
+def exit_dump(text):
+    """The exit-time allocation list in text: (blocks as (address, length)
+    pairs, {function: (operations, errors)}, outstanding allocations)."""
+    lines = text.splitlines()
+    start = lines.index("QM_HEAP:  ALLOCATION TABLE --- START")
+    end = lines.index("QM_HEAP:  ALLOCATION TABLE --- END")
+    blocks = [(int(a, 16), int(n)) for a, n in (l.split()[1:] for l in lines[start + 1:end])]
+    counts = {}
+    for l in lines[end + 1:end + 7]:
+        m = re.match(r"^QM_HEAP:  +(\d+) +(\w+) \( +(\d+) errors\)$", l)
+        counts[m.group(2)] = (int(m.group(1)), int(m.group(3)))
+    outstanding = int(lines[end + 7].split()[-1])
+    return blocks, counts, outstanding
+
+
+def assert_no_events(text):
+    """Fails when the agent said anything in text (a run's standard error at
+    verbosity 2) beyond its start-up and shut-down lines and the exit-time
+    allocation list: a correct program has no heap event, and every report
+    of one would be false. Agent lines are found anywhere in a line, since
+    processes sharing one standard error may interleave their output."""
+    bad = []
+    for n, l in enumerate(text.splitlines()):
+        if "QM_HEAP:" not in l and "QM:" not in l:
+            continue
+        if l.count("QM_HEAP:") == 1 and "QM:" not in l and \
+                (l.startswith(FRAME) or any(r.match(l) for r in _DUMP_LINES)):
+            continue
+        bad.append("%d: %s" % (n + 1, l))
+    if bad:
+        shown = "\n".join(bad[:40]) + ("\n... %d more" % (len(bad) - 40) if len(bad) > 40 else "")
+        raise AssertionError("the agent reported events (or failed) in a correct program:\n" + shown)
 
 
 def main():

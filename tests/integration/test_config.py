@@ -53,6 +53,7 @@ class Files(unittest.TestCase):
         r = self.run_in_cwd({})
         self.assertIn(STARTING, r.stderr)
         self.assertIn("QM_HEAP:               : finished processing startup configuration\n", r.stderr)
+        qmtest.assert_no_events(r.stderr)
 
     def test_empty_config_variable_reads_no_file_but_still_the_environment(self):
         self.write(os.path.join(self.cwd, "default.hiarc"), "verbosity=2\n")
@@ -125,6 +126,7 @@ class Environment(unittest.TestCase):
                 text = f.read()
             self.assertTrue(text.startswith(STARTING), text)
             self.assertIn("finalizer    : process termination\n", text)
+            qmtest.assert_no_events(text)
             r = self.run_args("output_file=%s/no/such/dir verbosity=1" % d)
             self.assertEqual(r.stderr, "QM_HEAP:  error opening `%s/no/such/dir' for output\n" % d)
         finally:
@@ -144,9 +146,11 @@ class Environment(unittest.TestCase):
         r = self.run_args("verbosity=2 enable_event_console_filtering=true notify_console_termination=false")
         self.assertIn("finished processing startup configuration", r.stderr)
         self.assertNotIn("process termination", r.stderr)
+        qmtest.assert_no_events(r.stderr)
         # notify_ (the debugger's filter) does not touch the console.
         r = self.run_args("verbosity=2 enable_event_filtering=true notify_termination=false")
         self.assertIn("process termination", r.stderr)
+        qmtest.assert_no_events(r.stderr)
 
 
 @unittest.skipUnless(config()["native_exec"] and shutil.which("gdb"), "needs gdb on a natively run program")

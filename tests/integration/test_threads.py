@@ -6,7 +6,7 @@ import subprocess
 import unittest
 
 import qmtest
-from qmtest import config, run, target
+from qmtest import VERBOSE, assert_no_events, config, run, target
 
 
 def lib(name):
@@ -16,8 +16,9 @@ def lib(name):
 class Threads(unittest.TestCase):
     def test_cancellation_is_disabled_inside_an_operation_and_restored_after(self):
         # The real allocator runs with the caller's own state...
-        r = run([target("cancel_state")], extra_preload=[lib("libqmprobe.so")])
+        r = run([target("cancel_state")], env=VERBOSE, extra_preload=[lib("libqmprobe.so")])
         self.assertEqual((r.returncode, r.stdout), (0, "in allocator enabled, after enabled\n"), r.stderr)
+        assert_no_events(r.stderr)
         # ...the agent's own work (here an event for a failed allocation) with
         # cancellation disabled.
         cmd = [config()["runner"], "--preload", lib("libqmbreak.so") + ":" + config()["lib"], "--",
@@ -45,15 +46,17 @@ class Threads(unittest.TestCase):
         self.assertEqual(len(heads), 300 * 3)  # heading, "original allocation", "entry in deallocation table"
 
     def test_frequent_forks_while_threads_allocate(self):
-        r = run([target("fork_stress"), "4", "200000", "200"], timeout=600)
-        self.assertEqual(r.returncode, 0, r.stderr)
+        r = run([target("fork_stress"), "4", "200000", "200"], env=VERBOSE, timeout=600)
+        self.assertEqual(r.returncode, 0, r.stderr[-3000:])
         self.assertEqual(r.stdout, "fork_stress: 4 threads, 200000 operations each, 1000 forks, 0 failed children\n")
+        assert_no_events(r.stderr)
 
     def test_stress_four_threads_a_million_operations_each(self):
-        r = run([target("fork_stress"), "4", "1000000", "5000"], timeout=900)
-        self.assertEqual(r.returncode, 0, r.stderr)
+        r = run([target("fork_stress"), "4", "1000000", "5000"], env=VERBOSE, timeout=900)
+        self.assertEqual(r.returncode, 0, r.stderr[-3000:])
         self.assertEqual(r.stdout, "fork_stress: 4 threads, 1000000 operations each, 200 forks, 0 failed children\n")
-        self.assertEqual(r.stderr, "")
+        assert_no_events(r.stderr)
+        self.assertEqual(qmtest.without_frame(r.stderr), "")
 
 
 if __name__ == "__main__":

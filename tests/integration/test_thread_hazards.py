@@ -1,5 +1,5 @@
 """Thread hazards: threads that use the heap while the agent starts, threads
-cancelled inside heap calls.
+cancelled inside heap calls, forks from two threads while others allocate.
 Every program here is correct, so at verbosity 2 the agent may print nothing
 but its start-up and shut-down lines (and the exit-time list of blocks):
 any event is a false report. Each program ends itself with an alarm if it
@@ -69,6 +69,19 @@ class Cancellation(unittest.TestCase):
         # The same with every thread deferred: cancelled in
         # pthread_testcancel, or in stdio calls that allocate.
         self.check(["deferred"], 2)
+
+
+class Fork(unittest.TestCase):
+    def test_forks_from_two_threads_while_others_allocate(self):
+        # The main thread and one of three allocating threads fork 40 times
+        # each; fork handlers registered before and after the agent's
+        # allocate; each child frees and resizes blocks made before the fork.
+        # Children share the standard error: their events would show here.
+        for attempt in range(3):
+            r = run([target("fork_threads"), "40", "120"], env=VERBOSE, timeout=300)
+            self.assertEqual((r.returncode, r.stdout), (0, "fork_threads: 80 forks, 0 failed children\n"),
+                             "run %d:\n%s" % (attempt, r.stderr[-3000:]))
+            assert_no_events(r.stderr)
 
 
 if __name__ == "__main__":

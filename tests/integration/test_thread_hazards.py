@@ -75,7 +75,10 @@ class Fork(unittest.TestCase):
     def test_forks_from_two_threads_while_others_allocate(self):
         # The main thread and one of three allocating threads fork 40 times
         # each; fork handlers registered before and after the agent's
-        # allocate; each child frees and resizes blocks made before the fork.
+        # allocate; each child frees and resizes blocks made before the fork,
+        # then starts two threads (on the recycled stacks, and so with the
+        # thread handles, of parent threads that were inside heap calls) whose
+        # blocks it frees.
         # Children share the standard error: their events would show here.
         for attempt in range(3):
             r = run([target("fork_threads"), "40", "120"], env=VERBOSE, timeout=300)

@@ -5,7 +5,8 @@
  * agent's), and libqmforkhandlers', registered before the agent's. Before
  * each fork the forking thread allocates eight blocks; the child checks
  * them, frees seven, resizes the eighth, works the heap a little and leaves
- * with _exit; the parent frees its copies and waits for the child. All
+ * with _exit, after two threads of its own have allocated blocks that it
+ * frees; the parent frees its copies and waits for the child. All
  * threads share one arena and most blocks are too large for the C library's
  * per-thread cache, so a child's allocations reuse the blocks the other
  * threads were releasing when it was forked. Nothing may hang (alarm: the
@@ -73,6 +74,33 @@ static uint32_t rnd(uint32_t* s) {
   return *s >> 4;
 }
 
+/* A thread of the child: the C library gives it the stack, and so the
+ * thread handle, of one of the parent's threads that were inside heap calls
+ * when the child was forked. It hands its blocks to the child's main thread,
+ * which frees them. */
+#define CHILD_BLOCKS 64
+static void* child_thread(void* arg) {
+  void** out = arg;
+  for (int i = 0; i < 200; ++i) free(malloc(1 + (size_t)i % 300));
+  for (int i = 0; i < CHILD_BLOCKS; ++i)
+    if ((out[i] = malloc(16 + (size_t)i)) == NULL) return (void*)1;
+  return NULL;
+}
+
+static int child_threads(void) {
+  static void* blocks[2][CHILD_BLOCKS];
+  pthread_t t[2];
+  for (int i = 0; i < 2; ++i)
+    if (pthread_create(&t[i], NULL, child_thread, blocks[i]) != 0) return 16;
+  for (int i = 0; i < 2; ++i) {
+    void* r;
+    if (pthread_join(t[i], &r) != 0 || r != NULL) return 17;
+  }
+  for (int i = 0; i < 2; ++i)
+    for (int j = 0; j < CHILD_BLOCKS; ++j) free(blocks[i][j]);
+  return 0;
+}
+
 static int child_work(unsigned char* pre[PRE], const size_t len[PRE]) {
   for (int i = 0; i < PRE; ++i)
     for (size_t j = 0; j < len[i]; ++j)
@@ -100,7 +128,7 @@ static int child_work(unsigned char* pre[PRE], const size_t len[PRE]) {
   }
   for (int k = 0; k < 32; ++k) free(p[k]);
   free(r);
-  return 0;
+  return child_threads();
 }
 
 static void fork_once(uint32_t* s) {

@@ -105,12 +105,10 @@ bool is_power_of_two(size_t v) { return v != 0 && (v & (v - 1)) == 0; }
 struct CancelWindow {
   op_body_arg_t* a;
   explicit CancelWindow(op_body_arg_t* arg) : a(arg) {
-    if (a->num_times_entered == 1 && a->caller_info.is_multi_threaded)
-      QM_thread_restore_cancelstate(a->caller_info.old_cancelstate);
+    if (a->num_times_entered == 1) qm::restore_caller_cancellation(&a->caller_info);
   }
   ~CancelWindow() {
-    int ignored;
-    if (a->num_times_entered == 1 && a->caller_info.is_multi_threaded) QM_thread_disable_cancel(&ignored);
+    if (a->num_times_entered == 1 && a->caller_info.is_multi_threaded) qm::disable_cancellation_again();
   }
 };
 

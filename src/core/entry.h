@@ -14,6 +14,7 @@ typedef struct reentry_info_t {
 typedef struct caller_state_info_t {
   int is_multi_threaded;
   int old_cancelstate;
+  int old_canceltype;
 } caller_state_info_t;
 
 typedef struct op_body_arg_t {
@@ -48,19 +49,34 @@ inline void setup_reentry_info(op_body_arg_t* op_arg, reentry_info_t* local) {
     *local = *op_arg->rp;
   }
 }
+// Cancellation disabled and deferred: no request, however its signal is
+// timed, can act while the agent holds a lock or has a block in progress.
 inline void setup_caller_state(caller_state_info_t* caller) {
   caller->is_multi_threaded = QM_IA_has_ia_initializer_started() && is_multi_threaded();
-  if (caller->is_multi_threaded) QM_thread_disable_cancel(&caller->old_cancelstate);
+  if (caller->is_multi_threaded) {
+    QM_thread_disable_cancel(&caller->old_cancelstate);
+    QM_thread_defer_cancel(&caller->old_canceltype);
+  }
 }
-inline void finish_caller_state(caller_state_info_t* caller) {
-  if (caller->is_multi_threaded) QM_thread_restore_cancelstate(caller->old_cancelstate);
-  QM_leave_ia();
+// The caller's own cancellation state, type last: an asynchronous request
+// made meanwhile acts there, when the thread is out of the agent.
+inline void restore_caller_cancellation(const caller_state_info_t* caller) {
+  if (!caller->is_multi_threaded) return;
+  QM_thread_restore_cancelstate(caller->old_cancelstate);
+  QM_thread_restore_canceltype(caller->old_canceltype);
 }
-// The end of an outermost call: out of the gate first, while cancellation is
-// still off, so that no cancellation can leave the gate counting it.
+inline void disable_cancellation_again() {
+  int ignored;
+  QM_thread_defer_cancel(&ignored);
+  QM_thread_disable_cancel(&ignored);
+}
+// The end of an outermost call: out of the gate and the agent first, while
+// cancellation is still off, so that no cancellation can leave either
+// counting the thread.
 inline void finish_outermost(op_body_arg_t* a) {
   c_owner_t* c = reinterpret_cast<c_owner_t*>(a->owner);
   c->funcs->finish_op(c);
-  finish_caller_state(&a->caller_info);
+  QM_leave_ia();
+  restore_caller_cancellation(&a->caller_info);
 }
 }  // namespace qm

@@ -90,6 +90,7 @@ void QM_thread_bind_library() {
   bind(&fns.self, "pthread_self");
   bind(&fns.equal, "pthread_equal");
   bind(&fns.setcancelstate, "pthread_setcancelstate");
+  bind(&fns.setcanceltype, "pthread_setcanceltype");
   bind(&fns.key_create, "pthread_key_create");
   bind(&fns.setspecific, "pthread_setspecific");
   fns.register_atfork = reinterpret_cast<decltype(fns.register_atfork)>(
@@ -154,6 +155,15 @@ int QM_thread_disable_cancel(int* old_cancelstate) {
 int QM_thread_restore_cancelstate(int old_cancelstate) {
   int ignored;
   return QM_pthread_setcancelstate(old_cancelstate, &ignored);
+}
+
+int QM_thread_defer_cancel(int* old_canceltype) {
+  return fns.setcanceltype != nullptr ? fns.setcanceltype(PTHREAD_CANCEL_DEFERRED, old_canceltype) : 0;
+}
+
+int QM_thread_restore_canceltype(int old_canceltype) {
+  int ignored;
+  return fns.setcanceltype != nullptr ? fns.setcanceltype(old_canceltype, &ignored) : 0;
 }
 
 QM_cond_waiters_t* QM_thread_new_cond_waiters_t() {

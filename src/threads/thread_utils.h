@@ -41,6 +41,11 @@ int QM_thread_setspecific(pthread_key_t key, const void* value);
 // Cancellation: disable for the duration of an operation, then restore.
 int QM_thread_disable_cancel(int* old_cancelstate);
 int QM_thread_restore_cancelstate(int old_cancelstate);
+// The cancellation type, deferred inside the agent as well: the C library
+// (2.36) acts on an asynchronous request whose signal arrives after the
+// thread disabled cancellation, unless the type is deferred by then.
+int QM_thread_defer_cancel(int* old_canceltype);
+int QM_thread_restore_canceltype(int old_canceltype);
 
 // The threads library as bound at run time; read by the inline fast paths below.
 typedef struct QM_thread_functions_t {
@@ -52,6 +57,7 @@ typedef struct QM_thread_functions_t {
   pthread_t (*self)(void);
   int (*equal)(pthread_t, pthread_t);
   int (*setcancelstate)(int, int*);
+  int (*setcanceltype)(int, int*);
   int (*register_atfork)(void (*)(void), void (*)(void), void (*)(void), void*);
   int (*key_create)(pthread_key_t*, void (*)(void*));
   int (*setspecific)(pthread_key_t, const void*);

@@ -80,8 +80,11 @@ class Fork(unittest.TestCase):
         # thread handles, of parent threads that were inside heap calls) whose
         # blocks it frees.
         # Children share the standard error: their events would show here.
+        # qemu-user itself fails on threads started in a forked child of a
+        # threaded process: there the children start none.
+        child_threads = "0" if config()["emulated"] else "1"
         for attempt in range(3):
-            r = run([target("fork_threads"), "40", "120"], env=VERBOSE, timeout=300)
+            r = run([target("fork_threads"), "40", "120", child_threads], env=VERBOSE, timeout=300)
             self.assertEqual((r.returncode, r.stdout), (0, "fork_threads: 80 forks, 0 failed children\n"),
                              "run %d:\n%s" % (attempt, r.stderr[-3000:]))
             assert_no_events(r.stderr)

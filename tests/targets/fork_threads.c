@@ -12,7 +12,7 @@
  * threads were releasing when it was forked. Nothing may hang (alarm: the
  * program then says what it was doing), no child may fail, and no event may
  * be raised in parent or child.
- * Usage: fork_threads [forks per forking thread] [alarm seconds] */
+ * Usage: fork_threads [forks per forking thread] [alarm seconds] [child threads: 1 or 0] */
 #include <malloc.h>
 #include <pthread.h>
 #include <sched.h>
@@ -87,7 +87,10 @@ static void* child_thread(void* arg) {
   return NULL;
 }
 
+static int with_child_threads = 1;
+
 static int child_threads(void) {
+  if (!with_child_threads) return 0;
   static void* blocks[2][CHILD_BLOCKS];
   pthread_t t[2];
   for (int i = 0; i < 2; ++i)
@@ -191,6 +194,7 @@ int main(int argc, char** argv) {
   if (argc > 1) forks_per_thread = atoi(argv[1]);
   signal(SIGALRM, no_progress);
   alarm(argc > 2 ? (unsigned)atoi(argv[2]) : 120);
+  if (argc > 3) with_child_threads = atoi(argv[3]);
   setvbuf(stdout, NULL, _IONBF, 0);
   mallopt(M_ARENA_MAX, 1);
   if (!fork_handlers_registered_early()) return 2;

@@ -26,9 +26,9 @@ namespace {
 
 constexpr const char kFile[] = "../src/generic/heap_avl.c";
 
-// Adaptive: critical sections are short, and a waiter that spins a little
-// usually gets in without sleeping in the kernel.
-constinit QM_pthread_mutex_t alloc_mutex = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+// Taken through mutex_lock_spinning: critical sections are short, and a
+// waiter that spins usually gets in without sleeping in the kernel.
+constinit QM_pthread_mutex_t alloc_mutex = PTHREAD_MUTEX_INITIALIZER;
 constinit QM_pthread_mutex_t dealloc_mutex = PTHREAD_MUTEX_INITIALIZER;
 constinit int heap_tables_initialized = 0;
 
@@ -473,9 +473,9 @@ int QM_HEAP_iterate_over_deallocation_table(ht_iter_func_t f, void* arg) {
   return iterate(&QM_HEAP_deallocation_table, f, arg);
 }
 
-int QM_HEAP_ht_alloc_read_lock() { return qm::mutex_lock(&alloc_mutex); }
+int QM_HEAP_ht_alloc_read_lock() { return qm::mutex_lock_spinning(&alloc_mutex); }
 int QM_HEAP_ht_alloc_read_unlock() { return qm::mutex_unlock(&alloc_mutex); }
-int QM_HEAP_ht_alloc_write_lock() { return qm::mutex_lock(&alloc_mutex); }
+int QM_HEAP_ht_alloc_write_lock() { return qm::mutex_lock_spinning(&alloc_mutex); }
 int QM_HEAP_ht_alloc_write_unlock() { return qm::mutex_unlock(&alloc_mutex); }
 int QM_HEAP_ht_dealloc_read_lock() { return qm::mutex_lock(&dealloc_mutex); }
 int QM_HEAP_ht_dealloc_read_unlock() { return qm::mutex_unlock(&dealloc_mutex); }

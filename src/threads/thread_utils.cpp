@@ -84,6 +84,7 @@ void QM_thread_bind_library() {
   if (bound) return;
   bind(&fns.mutex_lock, "pthread_mutex_lock");
   bind(&fns.mutex_unlock, "pthread_mutex_unlock");
+  bind(&fns.mutex_trylock, "pthread_mutex_trylock");
   bind(&fns.cond_wait, "pthread_cond_wait");
   bind(&fns.cond_signal, "pthread_cond_signal");
   bind(&fns.cond_broadcast, "pthread_cond_broadcast");

@@ -51,6 +51,7 @@ int QM_thread_restore_canceltype(int old_canceltype);
 typedef struct QM_thread_functions_t {
   int (*mutex_lock)(pthread_mutex_t*);
   int (*mutex_unlock)(pthread_mutex_t*);
+  int (*mutex_trylock)(pthread_mutex_t*);
   int (*cond_wait)(pthread_cond_t*, pthread_mutex_t*);
   int (*cond_signal)(pthread_cond_t*);
   int (*cond_broadcast)(pthread_cond_t*);
@@ -131,6 +132,22 @@ inline int is_multi_threaded() {
 }
 inline int mutex_lock(QM_pthread_mutex_t* m) {
   return is_multi_threaded() && QM_thread_state.bound ? QM_thread_state.fns.mutex_lock(m) : 0;
+}
+// For a lock held briefly but taken on every heap call by every thread:
+// spin on it for a while (reading, not writing, the lock word) before
+// sleeping in the kernel, where a waiter and its wake-up cost more than the
+// critical section itself.
+inline int mutex_lock_spinning(QM_pthread_mutex_t* m) {
+  if (!is_multi_threaded() || !QM_thread_state.bound) return 0;
+  if (QM_thread_state.fns.mutex_trylock != nullptr) {
+    for (int i = 0; i < 4000; ++i) {
+      if (__atomic_load_n(&m->__data.__lock, __ATOMIC_RELAXED) == 0 &&
+          QM_thread_state.fns.mutex_trylock(m) == 0)
+        return 0;
+      __builtin_ia32_pause();
+    }
+  }
+  return QM_thread_state.fns.mutex_lock(m);
 }
 inline int mutex_unlock(QM_pthread_mutex_t* m) {
   return is_multi_threaded() && QM_thread_state.bound ? QM_thread_state.fns.mutex_unlock(m) : 0;

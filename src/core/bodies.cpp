@@ -204,7 +204,7 @@ int do_remove_allocation_record(const allocation_record_t& rec, QM_HEAP_heap_op_
 // waiting for it and moves it to the deallocation table. False when another
 // thread removed it in the meantime (only possible with several threads).
 bool retire_claimed_record(alloc_rec_id_t id, const allocation_record_t& rec, QM_HEAP_heap_op_e op,
-                           const char* who, EventQueue& q);
+                           const char* who, EventQueue& q, bool locked_since_claim = false);
 
 // --- serialisation of operations on one block -------------------------------
 
@@ -275,8 +275,12 @@ alloc_rec_id_t claim_alloc_rec(const void* p, allocation_record_t* rec, QM_HEAP_
 }
 
 bool retire_claimed_record(alloc_rec_id_t id, const allocation_record_t& rec, QM_HEAP_heap_op_e op,
-                           const char* who, EventQueue& q) {
-  alloc_rec_id_t again = qm::is_multi_threaded() ? QM_HEAP_lookup_allocation_record(rec.addr, nullptr, exact) : id;
+                           const char* who, EventQueue& q, bool locked_since_claim) {
+  // Unless the lock was held since the claim, another thread may have
+  // removed the record meanwhile: find it again.
+  alloc_rec_id_t again = locked_since_claim || !qm::is_multi_threaded()
+                             ? id
+                             : QM_HEAP_lookup_allocation_record(rec.addr, nullptr, exact);
   if (again == nullptr) return false;
   wake_up_any_threads_waiting_for_alloc_record(again);
   alloc_rec_id_t dealloc_id = nullptr;
@@ -599,7 +603,7 @@ void free_body(op_body_arg_t* a, void* p) {
   QM_HEAP_ht_alloc_write_lock();
   alloc_rec_id_t id = claim_alloc_rec(p, &rec, &claim_event, qm_heap_op_free);
   if (id != nullptr && releases_quietly(a, rec)) {
-    gone = !retire_claimed_record(id, rec, qm_heap_op_free, "free_body", q);
+    gone = !retire_claimed_record(id, rec, qm_heap_op_free, "free_body", q, true);
     retired = true;
   }
   QM_HEAP_ht_alloc_write_unlock();
@@ -698,7 +702,8 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
   // restored around it: a cancellation must never find an agent lock held.
   if (!held) QM_HEAP_ht_alloc_write_lock();
   r = al->funcs->realloc(al, owner, base, len);
-  alloc_rec_id_t again = QM_HEAP_lookup_allocation_record(rec.addr, &current, exact);
+  alloc_rec_id_t again = held ? id : QM_HEAP_lookup_allocation_record(rec.addr, nullptr, exact);
+  if (again != nullptr) current = again->allocation_record;
   if (again == nullptr) {
     deleted = true;
   } else {

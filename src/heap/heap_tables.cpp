@@ -163,14 +163,27 @@ void release_node(heap_avl_info_t* t, Node* n) {
   t->free = n;
 }
 
-alloc_rec_id_t insert(heap_avl_info_t* t, const allocation_record_t* rec) {
+// Inserts a copy of rec unless accept(pred, succ) refuses the neighbours it
+// would get (see Algo::insert_if); null when refused, nothing changed.
+template <class Accept>
+alloc_rec_id_t insert_if(heap_avl_info_t* t, const allocation_record_t* rec, Accept accept) {
   Node* n = take_node(t);
   n->allocation_record = *rec;
   set_start(n, rec->addr);
-  t->root = N(qm::avl::insert(ExactOps{}, t->root, n));
+  bool inserted;
+  t->root = N(Algo<ExactOps>{ExactOps{}}.insert_if(t->root, n, rec->addr, accept, &inserted));
+  if (!inserted) {
+    release_node(t, n);
+    return nullptr;
+  }
+  if (QM_AVL_assert_insert && Algo<ExactOps>{ExactOps{}}.check(t->root) != 0) QM_AVL_fatal("insert checkAvl");
   ++t->num_records;
   index_of(t).put(U(rec->addr), n);
   return n;
+}
+
+alloc_rec_id_t insert(heap_avl_info_t* t, const allocation_record_t* rec) {
+  return insert_if(t, rec, [](void*, void*) { return true; });
 }
 
 // Records never overlap within a table, so a record that starts at addr is
@@ -306,30 +319,16 @@ alloc_rec_id_t QM_HEAP_lookup_allocation_record(const void* addr, allocation_rec
 alloc_rec_id_t QM_HEAP_insert_allocation_record_if_clear(const allocation_record_t* rec, size_t span) {
   heap_avl_info_t* t = &QM_HEAP_allocation_table;
   const uintptr_t s = U(rec->addr), e = s + (span > 0 ? span : 1);
-  Node* n = take_node(t);
-  bool inserted;
+  // A duplicate start is never passed to the tree (it would be fatal there):
+  // the index tells it first.
+  const qm::StartIndex& ix = index_of(t);
+  if ((ix.failed ? Algo<ExactOps>{ExactOps{}}.lookup(t->root, rec->addr) : ix.find(s)) != nullptr) return nullptr;
   // Clear of live blocks: the one before ends at or before the start, the
   // one after starts at or after the end (a zero-length record included).
-  auto clear = [s, e](void* pred, void* succ) {
+  return insert_if(t, rec, [s, e](void* pred, void* succ) {
     if (pred != nullptr && U(N(pred)->allocation_record.addr) + N(pred)->allocation_record.len > s) return false;
     return succ == nullptr || U(N(succ)->allocation_record.addr) >= e;
-  };
-  n->allocation_record = *rec;
-  set_start(n, rec->addr);
-  // A duplicate start is never passed to the tree: the index tells it first.
-  const qm::StartIndex& ix = index_of(t);
-  if ((ix.failed ? Algo<ExactOps>{ExactOps{}}.lookup(t->root, rec->addr) : ix.find(s)) != nullptr) {
-    release_node(t, n);
-    return nullptr;
-  }
-  t->root = N(Algo<ExactOps>{ExactOps{}}.insert_if(t->root, n, rec->addr, clear, &inserted));
-  if (!inserted) {
-    release_node(t, n);
-    return nullptr;
-  }
-  ++t->num_records;
-  index_of(t).put(s, n);
-  return n;
+  });
 }
 
 alloc_rec_id_t QM_HEAP_lookup_allocation_range_record(const void* addr, size_t len,

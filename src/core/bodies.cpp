@@ -16,6 +16,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "backtrace/backtrace_heap.h"
 #include "base/assert.h"
 #include "base/page.h"
 #include "core/owners.h"
@@ -98,6 +99,14 @@ QM_HEAP_op_count_t* counts_of(QM_HEAP_heap_op_e op) {
     default: return &QM_HEAP_malloc_op_counts;
   }
 }
+
+// The operation's call stack, captured first thing in every body: the
+// records it makes and the events it raises carry it. Inlined, so that the
+// body is the frame that calls the capture (the trim counts on that shape).
+struct OpBacktrace {
+  __attribute__((always_inline)) OpBacktrace() { QM_HEAP_op_backtrace_id = QM_HEAP_backtrace_table_insert(); }
+  __attribute__((always_inline)) ~OpBacktrace() { QM_HEAP_op_backtrace_id = 0; }
+};
 
 bool is_power_of_two(size_t v) { return v != 0 && (v & (v - 1)) == 0; }
 
@@ -285,7 +294,8 @@ bool retire_claimed_record(alloc_rec_id_t id, const allocation_record_t& rec, QM
   wake_up_any_threads_waiting_for_alloc_record(again);
   alloc_rec_id_t dealloc_id = nullptr;
   allocation_record_t current = again->allocation_record;
-  if (do_remove_allocation_record(current, op, 0, &dealloc_id, q) == 0 && dealloc_id == nullptr)
+  if (do_remove_allocation_record(current, op, QM_HEAP_op_backtrace_id, &dealloc_id, q) == 0 &&
+      dealloc_id == nullptr)
     QM_assert(0, "%s: invalid dealloc id returned from do_remove_allocation_record (../malloc_interposers.c)", who);
   return true;
 }
@@ -403,7 +413,7 @@ void* allocation_body(op_body_arg_t* a, QM_HEAP_heap_op_e op, size_t len, size_t
     CancelWindow w(a);
     p = call(al, owner, x, y, len);
   }
-  NewBlock b = {op, p, len, len, bad_argument ? 0 : alignment, owner, al, 0, nullptr};
+  NewBlock b = {op, p, len, len, bad_argument ? 0 : alignment, owner, al, QM_HEAP_op_backtrace_id, nullptr};
   bool errors = handle_allocation(b) || bad_argument;
   inc_op_count(counts_of(op), 1, 1, errors);
   return p;
@@ -532,6 +542,7 @@ void QM_HEAP_generation_atfork_parent() { qm::mutex_unlock(&generation_mutex); }
 void QM_HEAP_generation_atfork_child() { qm::mutex_unlock(&generation_mutex); }
 
 void* malloc_body(op_body_arg_t* a, size_t len) {
+  OpBacktrace bt;
   return allocation_body(
       a, qm_heap_op_malloc, len, QM_HEAP_alignment_default,
       [](allocator_t* al, owner_t* o, size_t, size_t, size_t n) { return al->funcs->malloc(al, o, n); }, 0, 0,
@@ -539,6 +550,7 @@ void* malloc_body(op_body_arg_t* a, size_t len) {
 }
 
 void* calloc_body(op_body_arg_t* a, size_t nelems, size_t sizeof_elem) {
+  OpBacktrace bt;
   size_t len = nelems * sizeof_elem;
   return allocation_body(
       a, qm_heap_op_calloc, len, QM_HEAP_alignment_default,
@@ -547,6 +559,7 @@ void* calloc_body(op_body_arg_t* a, size_t nelems, size_t sizeof_elem) {
 }
 
 void* valloc_body(op_body_arg_t* a, size_t len) {
+  OpBacktrace bt;
   return allocation_body(
       a, qm_heap_op_valloc, len, QM_HEAP_alignment_valloc,
       [](allocator_t* al, owner_t* o, size_t, size_t, size_t n) { return al->funcs->valloc(al, o, n); }, 0, 0,
@@ -554,6 +567,7 @@ void* valloc_body(op_body_arg_t* a, size_t len) {
 }
 
 void* memalign_body(op_body_arg_t* a, size_t alignment, size_t len) {
+  OpBacktrace bt;
   bool bad = !is_power_of_two(alignment) ||
              (QM_HEAP_memalign_strict_even_multiple_of_alignment && alignment % sizeof(void*) != 0);
   if (bad) raise_bad_alignment(qm_heap_op_memalign, alignment);
@@ -564,6 +578,7 @@ void* memalign_body(op_body_arg_t* a, size_t alignment, size_t len) {
 }
 
 int posix_memalign_body(op_body_arg_t* a, void** memptr, size_t alignment, size_t len) {
+  OpBacktrace bt;
   owner_t* owner = a->owner;
   allocator_t* al = qm::owner_allocator(owner);
   bool bad = !is_power_of_two(alignment) || alignment % sizeof(void*) != 0;
@@ -578,7 +593,8 @@ int posix_memalign_body(op_body_arg_t* a, void** memptr, size_t alignment, size_
   else if (r != 0 && r != EINVAL && r != ENOMEM) QM_HEAP_printf("posix_memalign returned %d\n", r);
   bool errors = bad;
   if (r == 0 || r == ENOMEM) {
-    NewBlock b = {qm_heap_op_posix_memalign, r == 0 ? p : nullptr, len, len, alignment, owner, al, 0, nullptr};
+    NewBlock b = {qm_heap_op_posix_memalign, r == 0 ? p : nullptr, len, len, alignment, owner, al,
+                  QM_HEAP_op_backtrace_id, nullptr};
     errors = handle_allocation(b) || errors;
   }
   if (r == 0) *memptr = p;
@@ -592,6 +608,7 @@ void free_body(op_body_arg_t* a, void* p) {
     inc_op_count(&QM_HEAP_free_op_counts, 1, 1, 0);
     return;
   }
+  OpBacktrace bt;
   // The tables first, in one critical section when the block asks for
   // nothing to be raised before its release; the allocator after, outside
   // the lock. Until the allocator has it back nobody can be handed the block
@@ -637,6 +654,7 @@ void free_body(op_body_arg_t* a, void* p) {
 }
 
 void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
+  OpBacktrace bt;
   owner_t* owner = a->owner;
   if (old_addr == nullptr)
     return allocation_body(
@@ -665,7 +683,8 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
       r = al->funcs->realloc(al, owner, old_addr, len);
     }
     if (r != nullptr) {
-      NewBlock b = {qm_heap_op_realloc, r, len, len, QM_HEAP_alignment_default, owner, al, 0, nullptr};
+      NewBlock b = {qm_heap_op_realloc, r, len, len, QM_HEAP_alignment_default, owner, al, QM_HEAP_op_backtrace_id,
+                    nullptr};
       errors = handle_allocation(b) || errors;
     }
     inc_op_count(&QM_HEAP_realloc_op_counts, 1, 1, errors);
@@ -724,18 +743,21 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
         allocation_record_t tail = current;
         tail.addr = static_cast<char*>(r) + len;
         tail.len = current.len - len;
+        tail.backtrace_id = QM_HEAP_op_backtrace_id;
         tail.flags = 0;
         tail.control_info = nullptr;
         do_insert_deallocation_record(tail, qm_heap_op_realloc, q);
       }
     } else {
       alloc_rec_id_t dealloc_id = nullptr;
-      if (do_remove_allocation_record(current, qm_heap_op_realloc, 0, &dealloc_id, q) == 0 && dealloc_id == nullptr)
+      if (do_remove_allocation_record(current, qm_heap_op_realloc, QM_HEAP_op_backtrace_id, &dealloc_id, q) == 0 &&
+          dealloc_id == nullptr)
         QM_assert(0, "realloc_body: invalid dealloc id returned from do_remove_allocation_record (../malloc_interposers.c)");
     }
   }
   if (r != nullptr && r != rec.addr) {
-    NewBlock b = {qm_heap_op_realloc, r, len, len, QM_HEAP_alignment_default, owner, al, 0, &rec};
+    NewBlock b = {qm_heap_op_realloc, r, len, len, QM_HEAP_alignment_default, owner, al, QM_HEAP_op_backtrace_id,
+                  &rec};
     record_new_block(b, q);
   }
   QM_HEAP_ht_alloc_write_unlock();

@@ -24,6 +24,13 @@ QM_EXPORT void* QM_HEAP_valloc_interposer(size_t len);
 
 namespace {
 
+// Frames between an exported function and the capture: the exported
+// function, enter (never inlined: it uses setjmp), the operation body, the
+// capture's two. The op functions below melt into their callers and the
+// body lambdas into enter, so that the count does not depend on the
+// compiler's inlining choices.
+#define QM_ALWAYS_INLINE __attribute__((always_inline))
+
 // A heap call that arrives before the load hook (from another library's
 // constructor, say) initialises the agent itself.
 inline void check_interposers_initialized(const char* /*op*/) {
@@ -33,7 +40,7 @@ inline void check_interposers_initialized(const char* /*op*/) {
 // The entry protocol shared by all seven interposers. body runs the operation
 // with bookkeeping; direct serves a nested call straight from the allocator.
 template <typename Body, typename Direct>
-inline auto enter(QM_HEAP_heap_op_e op, const char* name, Body body, Direct direct) {
+__attribute__((noinline)) auto enter(QM_HEAP_heap_op_e op, const char* name, Body body, Direct direct) {
   check_interposers_initialized(name);
   owner_t* owner = qm::as_owner(QM_HEAP_c_owner_get_instance());
   reentry_info_t local;
@@ -76,18 +83,23 @@ inline auto enter(QM_HEAP_heap_op_e op, const char* name, Body body, Direct dire
 
 struct Void {};
 
-}  // namespace
+// The exported function stays on the stack below the interposer (no tail
+// call): a captured backtrace then has the same number of agent frames
+// whichever function was called, and the trim drops exactly those.
+template <typename T>
+inline T keep_frame(T r) {
+  __asm__ volatile("" ::: "memory");
+  return r;
+}
 
-extern "C" {
-
-void* QM_HEAP_malloc_interposer(size_t len) {
-  return enter(qm_heap_op_malloc, "malloc", [&](op_body_arg_t* a) { return malloc_body(a, len); },
+QM_ALWAYS_INLINE inline void* malloc_op(size_t len) {
+  return enter(qm_heap_op_malloc, "malloc", [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return malloc_body(a, len); },
                [&](allocator_t* al, owner_t* o) { return al->funcs->malloc(al, o, len); });
 }
 
-void QM_HEAP_free_interposer(void* p) {
+QM_ALWAYS_INLINE inline void free_op(void* p) {
   enter(qm_heap_op_free, "free",
-        [&](op_body_arg_t* a) {
+        [&](op_body_arg_t* a) QM_ALWAYS_INLINE {
           free_body(a, p);
           return Void{};
         },
@@ -97,73 +109,94 @@ void QM_HEAP_free_interposer(void* p) {
         });
 }
 
-void* QM_HEAP_realloc_interposer(void* old_addr, size_t len) {
+QM_ALWAYS_INLINE inline void* realloc_op(void* old_addr, size_t len) {
   return enter(qm_heap_op_realloc, "realloc",
-               [&](op_body_arg_t* a) { return realloc_body(a, old_addr, len); },
+               [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return realloc_body(a, old_addr, len); },
                [&](allocator_t* al, owner_t* o) { return al->funcs->realloc(al, o, old_addr, len); });
 }
 
-void* QM_HEAP_calloc_interposer(size_t nelems, size_t sizeof_elem) {
+QM_ALWAYS_INLINE inline void* calloc_op(size_t nelems, size_t sizeof_elem) {
   return enter(qm_heap_op_calloc, "calloc",
-               [&](op_body_arg_t* a) { return calloc_body(a, nelems, sizeof_elem); },
+               [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return calloc_body(a, nelems, sizeof_elem); },
                [&](allocator_t* al, owner_t* o) { return al->funcs->calloc(al, o, nelems, sizeof_elem); });
 }
 
-void* QM_HEAP_memalign_interposer(size_t alignment, size_t len) {
+QM_ALWAYS_INLINE inline void* memalign_op(size_t alignment, size_t len) {
   return enter(qm_heap_op_memalign, "memalign",
-               [&](op_body_arg_t* a) { return memalign_body(a, alignment, len); },
+               [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return memalign_body(a, alignment, len); },
                [&](allocator_t* al, owner_t* o) { return al->funcs->memalign(al, o, alignment, len); });
 }
 
-int QM_HEAP_posix_memalign_interposer(void** memptr, size_t alignment, size_t size) {
+QM_ALWAYS_INLINE inline int posix_memalign_op(void** memptr, size_t alignment, size_t size) {
   return enter(qm_heap_op_posix_memalign, "posix_memalign",
-               [&](op_body_arg_t* a) { return posix_memalign_body(a, memptr, alignment, size); },
+               [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return posix_memalign_body(a, memptr, alignment, size); },
                [&](allocator_t* al, owner_t* o) {
                  return al->funcs->posix_memalign(al, o, memptr, alignment, size);
                });
 }
 
-void* QM_HEAP_valloc_interposer(size_t len) {
-  return enter(qm_heap_op_valloc, "valloc", [&](op_body_arg_t* a) { return valloc_body(a, len); },
+QM_ALWAYS_INLINE inline void* valloc_op(size_t len) {
+  return enter(qm_heap_op_valloc, "valloc", [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return valloc_body(a, len); },
                [&](allocator_t* al, owner_t* o) { return al->funcs->valloc(al, o, len); });
 }
 
+}  // namespace
+
+extern "C" {
+
+// The interposers, for callers that want the agent's bookkeeping without
+// going through the exported names.
+void* QM_HEAP_malloc_interposer(size_t len) { return keep_frame(malloc_op(len)); }
+void QM_HEAP_free_interposer(void* p) {
+  free_op(p);
+  __asm__ volatile("" ::: "memory");
+}
+void* QM_HEAP_realloc_interposer(void* old_addr, size_t len) { return keep_frame(realloc_op(old_addr, len)); }
+void* QM_HEAP_calloc_interposer(size_t nelems, size_t sizeof_elem) {
+  return keep_frame(calloc_op(nelems, sizeof_elem));
+}
+void* QM_HEAP_memalign_interposer(size_t alignment, size_t len) { return keep_frame(memalign_op(alignment, len)); }
+int QM_HEAP_posix_memalign_interposer(void** memptr, size_t alignment, size_t size) {
+  return keep_frame(posix_memalign_op(memptr, alignment, size));
+}
+void* QM_HEAP_valloc_interposer(size_t len) { return keep_frame(valloc_op(len)); }
+
 // The exported functions: bind on first use; a call made while binding is
-// under way fails (null, EINVAL, or nothing for free). The interposer is
-// reached through the dynamic symbol, so an earlier object may preempt it.
+// under way fails (null, EINVAL, or nothing for free).
 QM_EXPORT void* malloc(size_t size) noexcept {
   if (QM_UNLIKELY(QM_HEAP_org_malloc == nullptr) &&
       !init_malloc_wrappers_and_assert_function_was_found("malloc", reinterpret_cast<void**>(&QM_HEAP_org_malloc)))
     return nullptr;
-  return QM_HEAP_malloc_interposer(size);
+  return keep_frame(malloc_op(size));
 }
 
 QM_EXPORT void free(void* p) noexcept {
   if (QM_UNLIKELY(QM_HEAP_org_free == nullptr) &&
       !init_malloc_wrappers_and_assert_function_was_found("free", reinterpret_cast<void**>(&QM_HEAP_org_free)))
     return;
-  QM_HEAP_free_interposer(p);
+  free_op(p);
+  __asm__ volatile("" ::: "memory");  // not a tail call: see keep_frame
 }
 
 QM_EXPORT void* realloc(void* p, size_t size) noexcept {
   if (QM_UNLIKELY(QM_HEAP_org_realloc == nullptr) &&
       !init_malloc_wrappers_and_assert_function_was_found("realloc", reinterpret_cast<void**>(&QM_HEAP_org_realloc)))
     return nullptr;
-  return QM_HEAP_realloc_interposer(p, size);
+  return keep_frame(realloc_op(p, size));
 }
 
 QM_EXPORT void* calloc(size_t n, size_t size) noexcept {
   if (QM_UNLIKELY(QM_HEAP_org_calloc == nullptr) &&
       !init_malloc_wrappers_and_assert_function_was_found("calloc", reinterpret_cast<void**>(&QM_HEAP_org_calloc)))
     return nullptr;
-  return QM_HEAP_calloc_interposer(n, size);
+  return keep_frame(calloc_op(n, size));
 }
 
 QM_EXPORT void* memalign(size_t alignment, size_t size) noexcept {
   if (QM_UNLIKELY(QM_HEAP_org_memalign == nullptr) &&
       !init_malloc_wrappers_and_assert_function_was_found("memalign", reinterpret_cast<void**>(&QM_HEAP_org_memalign)))
     return nullptr;
-  return QM_HEAP_memalign_interposer(alignment, size);
+  return keep_frame(memalign_op(alignment, size));
 }
 
 QM_EXPORT int posix_memalign(void** memptr, size_t alignment, size_t size) noexcept {
@@ -171,14 +204,14 @@ QM_EXPORT int posix_memalign(void** memptr, size_t alignment, size_t size) noexc
       !init_malloc_wrappers_and_assert_function_was_found(
           "posix_memalign", reinterpret_cast<void**>(&QM_HEAP_org_posix_memalign)))
     return 22;  // EINVAL; *memptr untouched
-  return QM_HEAP_posix_memalign_interposer(memptr, alignment, size);
+  return keep_frame(posix_memalign_op(memptr, alignment, size));
 }
 
 QM_EXPORT void* valloc(size_t size) noexcept {
   if (QM_UNLIKELY(QM_HEAP_org_valloc == nullptr) &&
       !init_malloc_wrappers_and_assert_function_was_found("valloc", reinterpret_cast<void**>(&QM_HEAP_org_valloc)))
     return nullptr;
-  return QM_HEAP_valloc_interposer(size);
+  return keep_frame(valloc_op(size));
 }
 
 }  // extern "C"

@@ -1,5 +1,6 @@
 // One-time start-up in phases, and shut-down.
 #include "base/assert.h"
+#include "backtrace/backtrace_heap.h"
 #include "base/export.h"
 #include "config/runtime_config.h"
 #include "core/binding.h"
@@ -44,6 +45,7 @@ int do_init_phase_00_00() {
   QM_thread_bind_library();
   QM_HEAP_runtime_config_initialize();
   QM_HEAP_init_heap_tables();
+  QM_HEAP_backtrace_init();
   QM_HEAP_mpi_initialize();
   QM_HEAP_om_initialize();
   QM_HEAP_am_initialize();
@@ -98,6 +100,7 @@ void heap_ia_atfork_prepare() {
   lock_all_mutexes();
   QM_HEAP_event_core_atfork_prepare();
   QM_HEAP_ht_atfork_prepare();
+  QM_HEAP_backtrace_atfork_prepare();
   QM_HEAP_om_atfork_prepare();
   QM_HEAP_c_owner_atfork_prepare();
   QM_HEAP_generation_atfork_prepare();
@@ -107,6 +110,7 @@ void heap_ia_atfork_parent() {
   QM_HEAP_generation_atfork_parent();
   QM_HEAP_c_owner_atfork_parent();
   QM_HEAP_om_atfork_parent();
+  QM_HEAP_backtrace_atfork_parent();
   QM_HEAP_ht_atfork_parent();
   QM_HEAP_event_core_atfork_parent();
   unlock_all_mutexes();
@@ -116,6 +120,7 @@ void heap_ia_atfork_child() {
   QM_HEAP_generation_atfork_child();
   QM_HEAP_c_owner_atfork_child();
   QM_HEAP_om_atfork_child();
+  QM_HEAP_backtrace_atfork_child();
   QM_HEAP_ht_atfork_child();
   QM_HEAP_event_core_atfork_child();
   unlock_all_mutexes();

@@ -371,8 +371,15 @@ int QM_HEAP_get_event_short_message(const QM_HEAP_event_info_t* e, char* buffer,
   return -1;
 }
 
+// Beside the event record the debugger reads the call stack of the operation
+// that raised it (0 outside an operation or without capture): the record
+// itself keeps only the fields its event defines.
+QM_EXPORT constinit volatile int QM_HEAP_event_op_backtrace_id = 0;
+constinit __thread int QM_HEAP_op_backtrace_id __attribute__((tls_model("initial-exec"))) = 0;
+
 QM_EXPORT QM_NOINLINE void QM_HEAP_notify_breakpoint_here(QM_HEAP_event_info_t* event) {
   copy_event(&QM_HEAP_event, event);
+  QM_HEAP_event_op_backtrace_id = QM_HEAP_op_backtrace_id;
   __asm__ volatile("" ::: "memory");
 }
 

@@ -22,6 +22,10 @@ extern volatile int QM_HEAP_exit_on_event_master_switch;
 extern event_filters_t QM_HEAP_exit_on_event_filters;
 
 extern volatile QM_HEAP_event_info_t QM_HEAP_event;
+// The backtrace of the operation in progress on this thread (set by the
+// operation bodies), and of the one whose event the debugger was last told.
+extern __thread int QM_HEAP_op_backtrace_id __attribute__((tls_model("initial-exec")));
+extern volatile int QM_HEAP_event_op_backtrace_id;
 extern volatile QM_HEAP_event_info_t QM_HEAP_event_core;
 extern int QM_HEAP_event_core_is_valid;
 extern const int QM_HEAP_core_supported;

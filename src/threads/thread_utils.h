@@ -149,6 +149,12 @@ inline int mutex_lock_spinning(QM_pthread_mutex_t* m) {
   }
   return QM_thread_state.fns.mutex_lock(m);
 }
+// 0 when taken (or when locks do nothing yet), else nonzero: for callers
+// that must never wait, such as code a signal handler may reach.
+inline int mutex_trylock(QM_pthread_mutex_t* m) {
+  if (!is_multi_threaded() || !QM_thread_state.bound) return 0;
+  return QM_thread_state.fns.mutex_trylock != nullptr ? QM_thread_state.fns.mutex_trylock(m) : 1;
+}
 inline int mutex_unlock(QM_pthread_mutex_t* m) {
   return is_multi_threaded() && QM_thread_state.bound ? QM_thread_state.fns.mutex_unlock(m) : 0;
 }

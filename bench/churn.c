@@ -3,7 +3,7 @@
  * empties them with malloc, calloc, realloc, memalign and free, over sizes
  * from 8 bytes to 4 KiB. Prints a checksum so that a run under the agent can
  * be compared with a plain one.
- * Usage: churn [operations] [slots] [threads] */
+ * Usage: churn [operations] [slots] [threads] [extra frames per operation] */
 #include <malloc.h>
 #include <pthread.h>
 #include <stdint.h>
@@ -15,6 +15,7 @@ struct work {
   unsigned long ops;
   unsigned slots;
   uint32_t seed;
+  unsigned depth;
   unsigned long checksum;
 };
 
@@ -33,46 +34,54 @@ static size_t pick_len(uint32_t* s) {
   }
 }
 
+// One operation on a random slot; the bytes written keep the compiler from
+// dropping the blocks.
+static __attribute__((noinline)) unsigned long one_op(struct work* w, void** slot, unsigned long i) {
+  uint32_t r = next(&w->seed);
+  unsigned k = (r >> 4) % w->slots;
+  size_t n = pick_len(&w->seed);
+  switch (r % 10) {
+    case 0: case 1: case 2:
+      free(slot[k]);
+      slot[k] = malloc(n);
+      break;
+    case 3: case 4:
+      slot[k] = realloc(slot[k], n);
+      break;
+    case 5:
+      free(slot[k]);
+      slot[k] = calloc(1, n);
+      break;
+    case 6:
+      free(slot[k]);
+      slot[k] = memalign(64, n);
+      break;
+    default:
+      free(slot[k]);
+      slot[k] = NULL;
+      n = 0;
+      break;
+  }
+  if (slot[k] == NULL) return 0;
+  memset(slot[k], (int)(i & 0xff), n < 16 ? n : 16);
+  return n;
+}
+
+// The operation made from depth more frames: call stacks as deep as a real
+// program's.
+static __attribute__((noinline)) unsigned long deeper(struct work* w, void** slot, unsigned long i, unsigned depth) {
+  unsigned long r = depth == 0 ? one_op(w, slot, i) : deeper(w, slot, i, depth - 1);
+  __asm__ volatile("" ::: "memory");
+  return r;
+}
+
 static void* churn(void* arg) {
   struct work* w = arg;
   void** slot = calloc(w->slots, sizeof *slot);
-  size_t* len = calloc(w->slots, sizeof *len);
   unsigned long sum = 0;
-  for (unsigned long i = 0; i < w->ops; ++i) {
-    uint32_t r = next(&w->seed);
-    unsigned k = (r >> 4) % w->slots;
-    size_t n = pick_len(&w->seed);
-    switch (r % 10) {
-      case 0: case 1: case 2:
-        free(slot[k]);
-        slot[k] = malloc(n);
-        break;
-      case 3: case 4:
-        slot[k] = realloc(slot[k], n);
-        break;
-      case 5:
-        free(slot[k]);
-        slot[k] = calloc(1, n);
-        break;
-      case 6:
-        free(slot[k]);
-        slot[k] = memalign(64, n);
-        break;
-      default:
-        free(slot[k]);
-        slot[k] = NULL;
-        n = 0;
-        break;
-    }
-    len[k] = n;
-    if (slot[k] != NULL) {
-      memset(slot[k], (int)(i & 0xff), n < 16 ? n : 16);
-      sum += n;
-    }
-  }
+  for (unsigned long i = 0; i < w->ops; ++i) sum += w->depth ? deeper(w, slot, i, w->depth) : one_op(w, slot, i);
   for (unsigned k = 0; k < w->slots; ++k) free(slot[k]);
   free(slot);
-  free(len);
   w->checksum = sum;
   return NULL;
 }
@@ -81,6 +90,7 @@ int main(int argc, char** argv) {
   unsigned long ops = argc > 1 ? strtoul(argv[1], NULL, 10) : 6000000;
   unsigned slots = argc > 2 ? (unsigned)strtoul(argv[2], NULL, 10) : 20000;
   unsigned nthreads = argc > 3 ? (unsigned)strtoul(argv[3], NULL, 10) : 1;
+  unsigned depth = argc > 4 ? (unsigned)strtoul(argv[4], NULL, 10) : 0;
   struct work w[64];
   pthread_t t[64];
   if (nthreads < 1 || nthreads > 64) nthreads = 1;
@@ -88,6 +98,7 @@ int main(int argc, char** argv) {
     w[i].ops = ops / nthreads;
     w[i].slots = slots / nthreads;
     w[i].seed = 12345u + i;
+    w[i].depth = depth;
     if (nthreads == 1)
       churn(&w[i]);
     else

@@ -5,11 +5,59 @@
 #include <random>
 #include <vector>
 
+#include <execinfo.h>
+
+#include "backtrace/backtrace_heap.h"
+#include "backtrace/fast_unwind.h"
+#include "backtrace/fde_cache.h"
 #include "base/format.h"
 #include "heap/heap_tables.h"
 #include "threads/reentrancy.h"
 
+// The unwinder in libgcc_s finds FDEs through its PLT: this program's own
+// definition (exported with -rdynamic) routes it through the agent's cache,
+// as the preloaded agent does; with caching off it forwards at once.
+extern "C" const void* _Unwind_Find_FDE(void* pc, qm_anb_dwarf_eh_bases_t* bases) {
+  return QM_STACK_fde_cache_find(pc, bases);
+}
+
 namespace {
+
+// Stack capture at a depth of about 40 frames (the recursion below plus the
+// harness's own), reported per captured frame. Three ways: the C library's
+// backtrace with the unwinder's own FDE lookup, the same through the FDE
+// cache, and the step-cached walk.
+enum CaptureWay { kBacktrace, kBacktraceFdeCache, kFastWalk };
+
+__attribute__((noinline)) int capture(int way, void** pcs, int n) {
+  int r = way == kFastWalk ? QM_STACK_fast_backtrace(pcs, n) : backtrace(pcs, n);
+  __asm__ volatile("" ::: "memory");
+  return r;
+}
+
+__attribute__((noinline)) int recurse(int depth, int way, void** pcs, int n) {
+  int r = depth == 0 ? capture(way, pcs, n) : recurse(depth - 1, way, pcs, n);
+  __asm__ volatile("" ::: "memory");
+  return r;
+}
+
+void BM_CapturePerFrame(benchmark::State& state) {
+  const int way = static_cast<int>(state.range(0));
+  void* warm[4];
+  backtrace(warm, 4);  // the cache decides on caching at its first lookup
+  QM_STACK_fde_cache_caching = way == kBacktraceFdeCache;
+  QM_STACK_fast_unwind_available();
+  void* pcs[256];
+  long frames = 0;
+  for (auto _ : state) {
+    int n = recurse(30, way, pcs, 256);
+    if (n < 0) state.SkipWithError("the fast walk gave up");
+    frames += n;
+  }
+  state.SetItemsProcessed(frames);
+  state.SetLabel(way == kBacktrace ? "backtrace" : way == kBacktraceFdeCache ? "backtrace + FDE cache" : "step-cached walk");
+}
+BENCHMARK(BM_CapturePerFrame)->Arg(kBacktrace)->Arg(kBacktraceFdeCache)->Arg(kFastWalk);
 
 void* addr(size_t i) { return reinterpret_cast<void*>(uintptr_t{0x40000000} + i * 64); }
 

@@ -60,7 +60,7 @@ FRAME = ("QM_HEAP:  STARTING", "QM_HEAP:  QM distribution", "QM_HEAP:  FINISHING
 # how fast this machine turns out to be, they give the estimates printed
 # along the way. Checks and the warm-up cost about half a round more.
 REFERENCE_ROUND_SECONDS = {
-    "churn-1t": 11, "churn-2t": 18, "churn-4t": 19, "churn-i386": 31,
+    "churn-1t": 11, "churn-1t-deep": 12, "churn-2t": 18, "churn-4t": 19, "churn-i386": 31,
     "python": 18, "perl": 8, "sqlite": 23, "gcc": 18, "git": 16,
 }
 
@@ -174,10 +174,12 @@ class Churn(Workload):
     OPS = 6000000
     SLOTS = 20000
 
-    def __init__(self, tmp, quick, tools, threads, name=None):
+    def __init__(self, tmp, quick, tools, threads, name=None, depth=0):
         self.threads = threads
-        self.name = name or "churn-%dt" % threads
-        self.label = "churn, %d thread%s" % (threads, "s" if threads > 1 else "")
+        self.depth = depth
+        self.name = name or "churn-%dt" % threads + ("-deep" if depth else "")
+        self.label = "churn, %d thread%s" % (threads, "s" if threads > 1 else "") + \
+            (", %d more frames per operation" % depth if depth else "")
         super().__init__(tmp, quick, tools)
         self.valgrind_note = ("valgrind runs churn with {:,} operations (plain and valgrind alike; "
                               "the other columns use {:,})".format(self.OPS // 10, self.OPS))
@@ -188,7 +190,7 @@ class Churn(Workload):
         return self.OPS // 10 if size == "valgrind" else self.OPS
 
     def argv(self, size):
-        return [self.tools["churn64"], str(self.ops(size)), str(self.SLOTS), str(self.threads)]
+        return [self.tools["churn64"], str(self.ops(size)), str(self.SLOTS), str(self.threads), str(self.depth)]
 
 
 class ChurnI386(Churn):
@@ -385,7 +387,8 @@ class Bench:
 
     def workloads(self):
         q, t = self.quick, self.tools
-        ws = [Churn(self.tmp, q, t, 1), Churn(self.tmp, q, t, 2), Churn(self.tmp, q, t, 4)]
+        ws = [Churn(self.tmp, q, t, 1), Churn(self.tmp, q, t, 1, depth=20), Churn(self.tmp, q, t, 2),
+              Churn(self.tmp, q, t, 4)]
         if t["agent32"] and t["churn32"] and t["qmrun32"]:
             ws.append(ChurnI386(self.tmp, q, t))
         else:

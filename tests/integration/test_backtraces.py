@@ -75,6 +75,38 @@ class FirstFrame(TableChecks, unittest.TestCase):
         self.assertEqual(self.run_checks("bt_sites_cxx"),
                          {"new", "new[]", "new-nothrow", "delete", "delete[]", "exception", "table"})
 
+    @unittest.skipUnless(is_64() and os.path.exists("/usr/bin/python3"), "needs the host's 64-bit python3")
+    def test_python_records_its_own_allocator_calls(self):
+        # The python binary has no symbols beyond its dynamic ones, so its
+        # frames are judged by what precedes them: no first frame lies in the
+        # agent, and some follow a direct call through python's PLT to the
+        # agent's malloc and free (with a trim that kept one agent frame there
+        # would be none of those; with one too many, the first frame would
+        # follow a call into python itself).
+        code = ("import json, re, decimal\n"
+                "d = {str(i): [i] * 3 for i in range(3000)}\n"
+                "s = json.dumps(d)\n"
+                "assert json.loads(s) == d\n"
+                "print(len(re.findall(r'\\[(\\d+)', s)), decimal.Decimal(1) / 7)\n")
+        d = tempfile.mkdtemp()
+        try:
+            dump = os.path.join(d, "table")
+            env = dict(os.environ, PYTHONMALLOC="malloc", QMBT_DUMP=dump, **VERBOSE)
+            env["LD_PRELOAD"] = "%s:%s" % (config()["lib"], lib("libqmbtdump.so"))
+            r = subprocess.run(["/usr/bin/python3", "-S", "-c", code], env=env, capture_output=True, text=True,
+                               timeout=300)
+            self.assertEqual((r.returncode, r.stdout), (0, "3000 0.1428571428571428571428571429\n"), r.stderr[-3000:])
+            assert_no_events(r.stderr)
+            with open(dump) as f:
+                header = dict(l.rsplit(" ", 1) for l in f.read().splitlines()[:10])
+        finally:
+            shutil.rmtree(d)
+        self.assertEqual(header["captured at start"], "yes")
+        self.assertGreater(int(header["stacks"]), 1000)
+        self.assertEqual(header["in-agent"], "0", header)
+        self.assertGreater(int(header["after-plt-call malloc"]), 0, header)
+        self.assertGreater(int(header["after-plt-call free"]), 0, header)
+
 
 class DepthAndTrim(TableChecks, unittest.TestCase):
     def test_depth_below_one_turns_capture_off(self):
@@ -111,6 +143,66 @@ class DepthAndTrim(TableChecks, unittest.TestCase):
     def test_the_debugging_dump_prints_a_stack_deeper_than_64(self):
         self.assertEqual(self.run_checks("bt_sites", ["deep=200", "dump"], "backtrace_depth=100"),
                          {"deep.count", "deep.frames", "deep.dump", "table"})
+
+
+class BothWalks(unittest.TestCase):
+    """The agent walks stacks by its step cache and falls back to the C
+    library's backtrace; QMHEAP_NO_FAST_UNWIND makes it always use the
+    latter. Both must find the same frames: programs that do the same on
+    every run must leave the same table, stack by stack."""
+
+    def dump(self, argv, fast):
+        d = tempfile.mkdtemp()
+        try:
+            path = os.path.join(d, "table")
+            # libqmbtdump renames either variable (same length) so that the
+            # program sees the same environment in both runs.
+            switch = "QMHEAP_NO_FAST_UNWINX" if fast else "QMHEAP_NO_FAST_UNWIND"
+            r = run([target(argv[0])] + argv[1:], env=dict(VERBOSE, QMBT_DUMP=path, **{switch: "1"}),
+                    extra_preload=[lib("libqmbtdump.so")])
+            self.assertEqual(r.returncode, 0, r.stdout + r.stderr[-3000:])
+            assert_no_events(r.stderr)
+            with open(path) as f:
+                text = f.read()
+        finally:
+            shutil.rmtree(d)
+        self.assertIn("captured at start yes\n", text)
+        return r.stdout, text
+
+    def test_both_walks_find_the_same_stacks(self):
+        for argv in (["bt_workload"], ["bt_sites"], ["bt_sites_cxx"], ["bt_exceptions", "1", "20", "200"]):
+            out_fast, fast = self.dump(argv, True)
+            out_slow, slow = self.dump(argv, False)
+            self.assertEqual(out_fast, out_slow)
+            stacks = int(re.search(r"^stacks (\d+)$", fast, re.M).group(1))
+            self.assertGreater(stacks, 10, argv)
+            if fast != slow:
+                a, b = fast.splitlines(), slow.splitlines()
+                first = next((i for i, (x, y) in enumerate(zip(a, b)) if x != y), min(len(a), len(b)))
+                self.fail("%s: the tables differ from line %d:\nfast: %s\nslow: %s" % (
+                    argv[0], first + 1, a[first] if first < len(a) else "-", b[first] if first < len(b) else "-"))
+
+    def test_the_workload_runs_as_without_the_agent(self):
+        plain = run([target("bt_workload")], preload=False)
+        under = run([target("bt_workload")], env=VERBOSE)
+        self.assertEqual((under.returncode, under.stdout), (plain.returncode, plain.stdout))
+        self.assertRegex(plain.stdout, r"^bt_workload: \d+ \d+\n$")
+        assert_no_events(under.stderr)
+
+
+class Exceptions(unittest.TestCase):
+    def test_exceptions_through_200_frames_in_threads(self):
+        # Four threads throw 50 times each through 200 frames (every 50th
+        # catches and rethrows), making blocks on the way: the same output as
+        # without the agent, cached FDE lookups or not.
+        argv = [target("bt_exceptions"), "4", "50", "200"]
+        plain = run(argv, preload=False)
+        self.assertEqual(plain.returncode, 0, plain.stderr)
+        self.assertTrue(plain.stdout.endswith("bt_exceptions: 200 of 200 caught\n"), plain.stdout)
+        for env in ({}, {"QMSTACK_DONT_WANT_UNWIND_FIND_FDE_CACHE": ""}):
+            r = run(argv, env=dict(VERBOSE, **env))
+            self.assertEqual((r.returncode, r.stdout), (0, plain.stdout), r.stderr[-3000:])
+            assert_no_events(r.stderr)
 
 
 if __name__ == "__main__":

@@ -190,6 +190,67 @@ class BothWalks(unittest.TestCase):
         assert_no_events(under.stderr)
 
 
+class ThreadsForksSignals(unittest.TestCase):
+    """bt_threads: four workers allocate through sites of their own while
+    the main thread and a worker fork; a thread that never uses the heap
+    takes signals whose handler allocates. Children and, at the end, the
+    main thread check the stacks of blocks made by the sites, the handler
+    and the children (and their threads); every identifier must be in the
+    table. A watchdog ends a program that hangs."""
+
+    LINE = r"^bt_threads: (\d+) forks, (some|no) signals, some turns of the signal thread, 0 failures\n$"
+
+    def check(self, args, runs, signals="some", min_forks=0):
+        argv = [target("bt_threads")] + [str(a) for a in args]
+        plain = run(argv, preload=False, timeout=300)
+        self.assertEqual(plain.returncode, 0, plain.stdout + plain.stderr[-3000:])
+        self.assertRegex(plain.stdout, self.LINE)
+        for attempt in range(runs):
+            r = run(argv, env=VERBOSE, timeout=300)
+            self.assertEqual(r.returncode, 0, "run %d:\n%s%s" % (attempt, r.stdout, r.stderr[-3000:]))
+            m = re.match(self.LINE, r.stdout)
+            self.assertIsNotNone(m, r.stdout)
+            self.assertEqual(m.group(2), signals)
+            self.assertGreaterEqual(int(m.group(1)), min_forks)
+            assert_no_events(r.stderr)
+
+    def test_threads_forks_and_an_allocating_signal_handler(self):
+        # Under qemu-user the program runs without signals: there a handler
+        # that allocates, on a thread outside the heap, makes the 32-bit agent
+        # report false double releases, with capture off as well; and the
+        # children start no threads, which qemu-user cannot start after a
+        # threaded fork.
+        if EMULATED:
+            self.check([20000, 10, 0, 120, "compute", "none"], 2, signals="no", min_forks=11)
+        else:
+            self.check([30000, 15, 1, 60, "compute", "timer"], 2, min_forks=16)
+
+    @unittest.skipIf(EMULATED, "under qemu-user a signal handler that allocates makes the 32-bit agent report false "
+                               "double releases, with capture off as well")
+    def test_an_allocating_handler_interrupts_its_thread_anywhere_in_the_unwinder(self):
+        # The handler's captures cross the signal frame (the C library's
+        # walk then serves them) while the interrupted thread may hold the
+        # FDE cache: its lookups must not wait for it. No forks here (see
+        # below); the program with forks passes without the agent.
+        argv = [target("bt_threads"), "20000", "100", "1", "60", "walk", "timer"]
+        plain = run(argv, preload=False, timeout=300)
+        self.assertEqual(plain.returncode, 0, plain.stdout + plain.stderr[-3000:])
+        self.check([100000, 0, 1, 60, "walk", "timer"], 2)
+
+    # A fork's prepare handlers take the backtrace table's lock and then wait
+    # for the FDE cache's; a thread interrupted inside the cache (holding its
+    # lock) whose signal handler allocates waits for the table's lock: both
+    # wait for ever (the watchdog ends the program after 8 seconds).
+    @unittest.skipIf(EMULATED, "under qemu-user a signal handler that allocates makes the 32-bit agent report false "
+                               "double releases, with capture off as well")
+    @unittest.expectedFailure
+    def test_forks_while_an_allocating_handler_interrupts_the_unwinder(self):
+        r = run([target("bt_threads"), "20000", "100", "1", "8", "walk", "timer"], env=VERBOSE, timeout=300)
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr[-3000:])
+        self.assertRegex(r.stdout, self.LINE)
+        assert_no_events(r.stderr)
+
+
 class LibrariesComeAndGo(unittest.TestCase):
     def test_threads_load_and_unload_a_library_while_capturing_through_it(self):
         # Three threads, 300 rounds each: load libqmbtlib, make, resize and

@@ -327,5 +327,56 @@ class Exceptions(unittest.TestCase):
             assert_no_events(r.stderr)
 
 
+@unittest.skipUnless(config()["native_exec"] and shutil.which("gdb"), "needs gdb on a natively run program")
+class Debugger(unittest.TestCase):
+    def test_a_double_release_names_its_three_call_sites(self):
+        # Stopped at the double release (after the notification function has
+        # recorded it), the debugger turns the identifiers of the second
+        # release, of the first (the released range's record) and of the
+        # allocation (kept in that record) into first frames by walking the
+        # table in expressions: they are the program's three sites. The
+        # agent's own dump of the second release's stack agrees.
+        commands = [
+            "set startup-with-shell off", "set breakpoint pending on",
+            "set environment LD_PRELOAD=%s" % config()["lib"],
+            "set environment QMHEAP_CONFIG_FILE=", "set environment QMHEAP_ARGS=verbosity=2",
+            "break QM_HEAP_notify_breakpoint_here", "run",
+            "while event->event != qm_heap_event_double_dealloc", "continue", "end",
+            "finish",
+            "define frame0",
+            "  set $t = &QM_HEAP_backtrace_table",
+            "  set $per = $t->info_table.units_per_chunk",
+            "  set $info = ((stack_backtrace_info_t*)$t->info_table.table[$arg0 / $per]) + ($arg0 % $per)",
+            "  set $pc = ((void**)$t->pcs_table.table[$info->pcs_chunk_no])[$info->pcs_chunk_offset]",
+            "  printf \"frame0 %s %d %lx \", \"$arg1\", $arg0, $pc",
+            "  info symbol $pc",
+            "end",
+            "printf \"event %d\\n\", QM_HEAP_event.event",
+            "frame0 QM_HEAP_event_op_backtrace_id operation",
+            "frame0 QM_HEAP_event.allocation_record.backtrace_id release",
+            "frame0 QM_HEAP_event.allocation_record.org_backtrace_id allocation",
+            "call (int)QM_HEAP_debug_dump_backtrace(QM_HEAP_event_op_backtrace_id)",
+            "kill", ""]
+        d = tempfile.mkdtemp()
+        try:
+            path = os.path.join(d, "commands")
+            with open(path, "w") as f:
+                f.write("\n".join(commands))
+            r = subprocess.run(["gdb", "-batch", "-nx", "-x", path, "--args", target("bt_double_free")],
+                               capture_output=True, text=True, timeout=120)
+        finally:
+            shutil.rmtree(d)
+        self.assertIn("event 20\n", r.stdout, r.stdout + r.stderr)
+        frames = {m[0]: (int(m[1]), int(m[2], 16), m[3])
+                  for m in re.findall(r"^frame0 (\w+) (\d+) ([0-9a-f]+) (\w+)(?: \+ \d+)? in section", r.stdout, re.M)}
+        self.assertEqual({k: v[2] for k, v in frames.items()},
+                         {"operation": "release_again", "release": "release_once", "allocation": "make_block"},
+                         r.stdout)
+        self.assertEqual(len({v[0] for v in frames.values()}), 3, frames)
+        dump = re.search(r"^dumpings (\d+) pcs for backtrace\n  0 ([0-9a-f]+)$", r.stderr, re.M)
+        self.assertIsNotNone(dump, r.stderr)
+        self.assertEqual(int(dump.group(2), 16), frames["operation"][1])
+
+
 if __name__ == "__main__":
     qmtest.main()

@@ -39,6 +39,8 @@ constinit dlclose_fn real_dlclose = nullptr;
 constinit void* libgcc_handle = nullptr;
 constinit int once_done = 0;
 constinit int caching_decided = 0;
+using find_object_fn = int (*)(void*, struct dl_find_object*);
+constinit find_object_fn find_object = nullptr;
 constinit QM_thread_atfork_handlers_t fork_handlers = {};
 
 void fork_prepare() {
@@ -56,7 +58,7 @@ void run_once() {
   fork_handlers.parent = fork_post;
   fork_handlers.child = fork_post;
   fork_handlers.state = fhs_active;
-  QM_assert(QM_thread_atfork_register_handlers(&fork_handlers) == 0,
+  QM_assert(QM_thread_atfork_register_outer_handlers(&fork_handlers) == 0,
             "error registering fde cache atfork handlers\n");
 }
 
@@ -101,6 +103,9 @@ void build_cache() {
 void set_up() {
   run_once();
   find_real_function();
+  if (find_object == nullptr)
+    __atomic_store_n(&find_object, reinterpret_cast<find_object_fn>(QM_IA_dlsym(RTLD_DEFAULT, "_dl_find_object")),
+                     __ATOMIC_RELEASE);
   if (!caching_decided) {
     // The variable is passed on to programs the target starts, with the rest
     // of its environment.
@@ -174,6 +179,27 @@ cache_node_t* take_node() {
   return nullptr;
 }
 
+// "No FDE" holds only while the place stays as it was: a library loaded
+// there later (after an unmapping that no dlclose announced) has FDEs. So a
+// null answer keeps, in its otherwise unused bases, the start of the object
+// that held the pc then (null for none); the dynamic linker's lock-free
+// lookup tells whether that is still so.
+void* object_start(void* pc) {
+  struct dl_find_object o;
+  if (find_object == nullptr || find_object(pc, &o) != 0) return nullptr;
+  return o.dlfo_map_start;
+}
+
+bool null_answer_stale(const cache_node_t* n) {
+  return n->info.fde == nullptr && find_object != nullptr && object_start(n->pc) != n->info.bases.func;
+}
+
+void release_node(cache_node_t* n) {
+  unlink_node(&cache.chains[chain_of(n->pc)], n);
+  n->hash_chain_links.next = cache.free_nodes;
+  cache.free_nodes = n;
+}
+
 void fill_bases(const cache_node_t* n, qm_anb_dwarf_eh_bases_t* bases) {
   if (n->info.fde != nullptr && bases != nullptr) *bases = n->info.bases;
 }
@@ -244,7 +270,12 @@ const void* QM_STACK_fde_cache_find(void* pc, qm_anb_dwarf_eh_bases_t* bases) {
     qm::mutex_unlock(&cache.mutex);
     return call_real(pc, bases);
   }
-  if (cache_node_t* n = lookup_cache(pc)) {
+  cache_node_t* n = lookup_cache(pc);
+  if (n != nullptr && null_answer_stale(n)) {
+    release_node(n);
+    n = nullptr;
+  }
+  if (n != nullptr) {
     const void* fde = n->info.fde;
     fill_bases(n, bases);
     qm::mutex_unlock(&cache.mutex);
@@ -260,8 +291,9 @@ const void* QM_STACK_fde_cache_find(void* pc, qm_anb_dwarf_eh_bases_t* bases) {
     } else if (cache_node_t* n = take_node()) {
       n->pc = pc;
       n->info.fde = fde;
-      if (bases != nullptr) n->info.bases = *bases;
+      if (bases != nullptr && fde != nullptr) n->info.bases = *bases;
       else n->info.bases = {};
+      if (fde == nullptr) n->info.bases.func = object_start(pc);
       push_front(&cache.chains[chain_of(pc)], n);
     }
   }

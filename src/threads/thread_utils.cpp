@@ -20,6 +20,8 @@ constinit int initializer_done = 0;
 
 constinit QM_thread_atfork_handlers_t* chain_head = nullptr;
 constinit QM_thread_atfork_handlers_t* chain_tail = nullptr;
+constinit QM_thread_atfork_handlers_t* outer_head = nullptr;
+constinit QM_thread_atfork_handlers_t* outer_tail = nullptr;
 constinit int own_handlers_registered = 0;
 
 template <typename F>
@@ -29,17 +31,39 @@ void bind(F* slot, const char* name) {
 
 // The agent's single registration with the C library; everything else rides
 // on the chain.
-void run_prepare() {
-  for (auto* h = chain_tail; h != nullptr; h = h->prev)
+void prepare_chain(QM_thread_atfork_handlers_t* tail) {
+  for (auto* h = tail; h != nullptr; h = h->prev)
     if (h->state == fhs_active && h->prepare != nullptr) h->prepare();
 }
+void run_prepare() {
+  prepare_chain(outer_tail);
+  prepare_chain(chain_tail);
+}
 void run_parent() {
-  for (auto* h = chain_head; h != nullptr; h = h->next)
-    if (h->state == fhs_active && h->parent != nullptr) h->parent();
+  QM_thread_atfork_handlers_t* heads[] = {chain_head, outer_head};
+  for (auto* head : heads)
+    for (auto* h = head; h != nullptr; h = h->next)
+      if (h->state == fhs_active && h->parent != nullptr) h->parent();
 }
 void run_child() {
-  for (auto* h = chain_head; h != nullptr; h = h->next)
-    if (h->state == fhs_active && h->child != nullptr) h->child();
+  QM_thread_atfork_handlers_t* heads[] = {chain_head, outer_head};
+  for (auto* head : heads)
+    for (auto* h = head; h != nullptr; h = h->next)
+      if (h->state == fhs_active && h->child != nullptr) h->child();
+}
+
+int append(QM_thread_atfork_handlers_t* h, QM_thread_atfork_handlers_t** head,
+           QM_thread_atfork_handlers_t** tail) {
+  if (h == nullptr || h->next != nullptr || h->prev != nullptr || h == chain_head || h == outer_head)
+    return -1;
+  h->prev = *tail;
+  if (*tail != nullptr)
+    (*tail)->next = h;
+  else
+    *head = h;
+  *tail = h;
+  h->error_number = 0;
+  return 0;
 }
 
 // Names the agent to the C library's handler list (removed only if the agent
@@ -196,15 +220,11 @@ int QM_thread_delete_cond_waiters_t(QM_cond_waiters_t* w) {
 }
 
 int QM_thread_atfork_register_handlers(QM_thread_atfork_handlers_t* h) {
-  if (h == nullptr || h->next != nullptr || h->prev != nullptr || h == chain_head) return -1;
-  h->prev = chain_tail;
-  if (chain_tail != nullptr)
-    chain_tail->next = h;
-  else
-    chain_head = h;
-  chain_tail = h;
-  h->error_number = 0;
-  return 0;
+  return append(h, &chain_head, &chain_tail);
+}
+
+int QM_thread_atfork_register_outer_handlers(QM_thread_atfork_handlers_t* h) {
+  return append(h, &outer_head, &outer_tail);
 }
 
 int QM_thread_register_atfork_forward(void (*prepare)(void), void (*parent)(void),

@@ -114,6 +114,13 @@ typedef struct QM_thread_atfork_handlers_t {
 // Appends h to the chain; 0, or -1 for a null record or one already chained.
 int QM_thread_atfork_register_handlers(QM_thread_atfork_handlers_t* h);
 
+// Appends h to the outer chain, whose prepare handlers all run before the
+// chain's and whose parent and child handlers all run after them, whenever
+// either was registered. For locks that a thread may hold while a signal
+// handler on it enters the heap agent (the unwinder's caches): a fork must
+// own them before it takes the agent's locks, never the other way round.
+int QM_thread_atfork_register_outer_handlers(QM_thread_atfork_handlers_t* h);
+
 // The C library's __register_atfork, reached after the agent's own handlers
 // have been registered with it (so that they run last in prepare and first in
 // parent and child, whoever registers before or after).

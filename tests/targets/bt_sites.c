@@ -14,7 +14,7 @@
  *   empty           capture is off: the table stays empty, blocks carry 0
  *   deep=L          make one block below L levels of recursion
  *   dump            with deep: the agent's debugging dump of its stack prints
- *                   every counter */
+ *                   every counter, or fails for more than its buffer's 64 */
 #define _GNU_SOURCE
 #include <malloc.h>
 #include <stdio.h>
@@ -279,7 +279,7 @@ int main(int argc, char** argv) {
       if (dump) {
         int dumped = btr_dump(bt);
         snprintf(why, sizeof why, "the dump of id %d (%d counters) returned %d", bt, n, dumped);
-        result("deep.dump", dumped == n, why);
+        result("deep.dump", dumped == (n <= 64 ? n : -1), why);
       }
     }
     free(p);

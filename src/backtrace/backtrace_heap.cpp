@@ -13,7 +13,8 @@ extern "C" {
 QM_EXPORT constinit stack_backtrace_table_t QM_HEAP_backtrace_table = {};
 constinit QM_pthread_mutex_t QM_HEAP_backtrace_table_mutex = PTHREAD_MUTEX_INITIALIZER;
 QM_EXPORT constinit volatile int QM_HEAP_backtrace_depth = 32;
-QM_EXPORT constinit volatile int QM_HEAP_backtrace_initial_trim = 5;
+QM_EXPORT constinit volatile int QM_HEAP_backtrace_initial_trim = QM_HEAP_agent_frames;
+constinit __thread const void* QM_HEAP_op_caller_frame __attribute__((tls_model("initial-exec"))) = nullptr;
 
 }  // extern "C"
 
@@ -115,7 +116,20 @@ __attribute__((noinline)) int QM_STACK_get_backtrace(void** pcs, int vector_leng
   return n;
 }
 
-__attribute__((noinline)) backtrace_id_t QM_HEAP_backtrace_table_insert() {
+}  // extern "C"
+
+namespace {
+
+backtrace_id_t insert(void** pcs, int n) {
+  QM_HEAP_backtrace_table_lock();
+  backtrace_id_t id = QM_STACK_insert_backtrace(&QM_HEAP_backtrace_table, const_cast<const void**>(pcs), n);
+  QM_HEAP_backtrace_table_unlock();
+  return id;
+}
+
+// Melts into both callers below, so that each is one frame of the shape the
+// trim counts.
+__attribute__((always_inline)) inline backtrace_id_t capture_and_insert() {
   int depth = QM_HEAP_backtrace_depth;
   int trim = QM_HEAP_backtrace_initial_trim;
   if (depth < 1) return 0;
@@ -125,11 +139,30 @@ __attribute__((noinline)) backtrace_id_t QM_HEAP_backtrace_table_insert() {
   void* pcs[len];
   int n = QM_STACK_get_backtrace(pcs, len);
   if (n <= trim) return 0;
-  QM_HEAP_backtrace_table_lock();
-  backtrace_id_t id =
-      QM_STACK_insert_backtrace(&QM_HEAP_backtrace_table, const_cast<const void**>(pcs + trim), n - trim);
-  QM_HEAP_backtrace_table_unlock();
-  return id;
+  return insert(pcs + trim, n - trim);
+}
+
+}  // namespace
+
+extern "C" {
+
+__attribute__((noinline)) backtrace_id_t QM_HEAP_backtrace_table_insert() { return capture_and_insert(); }
+
+// The agent's own frames are the same at every operation: climbing through
+// them is a quarter of the walk on a typical stack and most of it on a
+// shallow one. The frames from the caller outward are those the whole walk
+// would give after them.
+__attribute__((noinline)) backtrace_id_t QM_HEAP_backtrace_table_insert_for_op(const void* frame) {
+  int depth = QM_HEAP_backtrace_depth;
+  if (frame != nullptr && depth >= 1 && QM_HEAP_backtrace_initial_trim == QM_HEAP_agent_frames &&
+      QM_STACK_is_get_backtrace_safe() && QM_STACK_fast_unwind_available()) {
+    int len = depth > kMaxFrames - QM_HEAP_agent_frames ? kMaxFrames - QM_HEAP_agent_frames : depth;
+    void* pcs[len];
+    int n = QM_STACK_fast_backtrace_above(frame, pcs, len);
+    if (n == 0) return 0;
+    if (n > 0) return insert(pcs, n);
+  }
+  return capture_and_insert();
 }
 
 }  // extern "C"

@@ -36,6 +36,19 @@ int QM_HEAP_backtrace_set_trim(int v);
 // tail call).
 backtrace_id_t QM_HEAP_backtrace_table_insert();
 
+// The frames between an exported heap function's caller and the capture.
+constexpr int QM_HEAP_agent_frames = 5;
+
+// The frame of the exported heap function that the current operation came
+// through, set by that function (built with frame pointers) for its
+// operation body; null elsewhere.
+extern __thread const void* QM_HEAP_op_caller_frame __attribute__((tls_model("initial-exec")));
+
+// QM_HEAP_backtrace_table_insert for an operation body, called in its place:
+// while the trim drops exactly the agent's frames, the walk starts at the
+// exported function's caller instead of climbing through them.
+backtrace_id_t QM_HEAP_backtrace_table_insert_for_op(const void* frame);
+
 // The raw capture: 0 when capture is not safe now, else what the C
 // library's backtrace gives at this place (by the fast walk when it can).
 int QM_STACK_get_backtrace(void** pcs, int vector_length);

@@ -529,7 +529,11 @@ int QM_STACK_fast_unwind_available() {
 // one, a frame that repeats its predecessor (same pc and CFA) ends the walk,
 // and a null return address is not kept.
 __attribute__((noinline)) int QM_STACK_fast_backtrace(void** pcs, int size) {
-  const uintptr_t* fp = static_cast<const uintptr_t*>(__builtin_frame_address(0));
+  return QM_STACK_fast_backtrace_above(__builtin_frame_address(0), pcs, size);
+}
+
+int QM_STACK_fast_backtrace_above(const void* frame, void** pcs, int size) {
+  const uintptr_t* fp = static_cast<const uintptr_t*>(frame);
   uintptr_t bp = fp[0], pc = fp[1], sp = reinterpret_cast<uintptr_t>(fp + 2);
   if (size <= 0) return 0;
   pcs[0] = reinterpret_cast<void*>(pc);

@@ -22,6 +22,11 @@ extern "C" {
 // forked child and in a signal handler: it takes no lock and waits for none.
 int QM_STACK_fast_backtrace(void** pcs, int size);
 
+// The same walk from the caller of a function whose frame pointer is frame
+// (the function saved its caller's at frame[0], below its return address):
+// what backtrace would give from that function's caller outward.
+int QM_STACK_fast_backtrace_above(const void* frame, void** pcs, int size);
+
 // 1 when the fast walk may be used: the object lookup it needs exists and
 // QMHEAP_NO_FAST_UNWIND is not set.
 int QM_STACK_fast_unwind_available();

@@ -104,7 +104,11 @@ QM_HEAP_op_count_t* counts_of(QM_HEAP_heap_op_e op) {
 // records it makes and the events it raises carry it. Inlined, so that the
 // body is the frame that calls the capture (the trim counts on that shape).
 struct OpBacktrace {
-  __attribute__((always_inline)) OpBacktrace() { QM_HEAP_op_backtrace_id = QM_HEAP_backtrace_table_insert(); }
+  __attribute__((always_inline)) OpBacktrace() {
+    const void* frame = QM_HEAP_op_caller_frame;
+    QM_HEAP_op_caller_frame = nullptr;
+    QM_HEAP_op_backtrace_id = QM_HEAP_backtrace_table_insert_for_op(frame);
+  }
   __attribute__((always_inline)) ~OpBacktrace() { QM_HEAP_op_backtrace_id = 0; }
 };
 

@@ -5,6 +5,7 @@
 #include <malloc.h>
 #include <stdlib.h>
 
+#include "backtrace/backtrace_heap.h"
 #include "base/export.h"
 #include "core/binding.h"
 #include "core/bodies.h"
@@ -83,6 +84,18 @@ __attribute__((noinline)) auto enter(QM_HEAP_heap_op_e op, const char* name, Bod
 
 struct Void {};
 
+// Names the exported function's frame to the operation body, whose capture
+// then starts at the function's caller (this file is built with frame
+// pointers); a handler's operation in between puts back the one it found.
+struct CallerFrame {
+  const void* saved;
+  QM_ALWAYS_INLINE explicit CallerFrame(const void* frame) : saved(QM_HEAP_op_caller_frame) {
+    QM_HEAP_op_caller_frame = frame;
+  }
+  QM_ALWAYS_INLINE ~CallerFrame() { QM_HEAP_op_caller_frame = saved; }
+};
+#define QM_CALLER_FRAME CallerFrame caller_frame(__builtin_frame_address(0))
+
 // The exported function stays on the stack below the interposer (no tail
 // call): a captured backtrace then has the same number of agent frames
 // whichever function was called, and the trim drops exactly those.
@@ -93,11 +106,13 @@ inline T keep_frame(T r) {
 }
 
 QM_ALWAYS_INLINE inline void* malloc_op(size_t len) {
+  QM_CALLER_FRAME;
   return enter(qm_heap_op_malloc, "malloc", [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return malloc_body(a, len); },
                [&](allocator_t* al, owner_t* o) { return al->funcs->malloc(al, o, len); });
 }
 
 QM_ALWAYS_INLINE inline void free_op(void* p) {
+  QM_CALLER_FRAME;
   enter(qm_heap_op_free, "free",
         [&](op_body_arg_t* a) QM_ALWAYS_INLINE {
           free_body(a, p);
@@ -110,24 +125,28 @@ QM_ALWAYS_INLINE inline void free_op(void* p) {
 }
 
 QM_ALWAYS_INLINE inline void* realloc_op(void* old_addr, size_t len) {
+  QM_CALLER_FRAME;
   return enter(qm_heap_op_realloc, "realloc",
                [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return realloc_body(a, old_addr, len); },
                [&](allocator_t* al, owner_t* o) { return al->funcs->realloc(al, o, old_addr, len); });
 }
 
 QM_ALWAYS_INLINE inline void* calloc_op(size_t nelems, size_t sizeof_elem) {
+  QM_CALLER_FRAME;
   return enter(qm_heap_op_calloc, "calloc",
                [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return calloc_body(a, nelems, sizeof_elem); },
                [&](allocator_t* al, owner_t* o) { return al->funcs->calloc(al, o, nelems, sizeof_elem); });
 }
 
 QM_ALWAYS_INLINE inline void* memalign_op(size_t alignment, size_t len) {
+  QM_CALLER_FRAME;
   return enter(qm_heap_op_memalign, "memalign",
                [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return memalign_body(a, alignment, len); },
                [&](allocator_t* al, owner_t* o) { return al->funcs->memalign(al, o, alignment, len); });
 }
 
 QM_ALWAYS_INLINE inline int posix_memalign_op(void** memptr, size_t alignment, size_t size) {
+  QM_CALLER_FRAME;
   return enter(qm_heap_op_posix_memalign, "posix_memalign",
                [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return posix_memalign_body(a, memptr, alignment, size); },
                [&](allocator_t* al, owner_t* o) {
@@ -136,6 +155,7 @@ QM_ALWAYS_INLINE inline int posix_memalign_op(void** memptr, size_t alignment, s
 }
 
 QM_ALWAYS_INLINE inline void* valloc_op(size_t len) {
+  QM_CALLER_FRAME;
   return enter(qm_heap_op_valloc, "valloc", [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return valloc_body(a, len); },
                [&](allocator_t* al, owner_t* o) { return al->funcs->valloc(al, o, len); });
 }

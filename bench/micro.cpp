@@ -6,11 +6,13 @@
 #include <vector>
 
 #include <execinfo.h>
+#include <string.h>
 
 #include "backtrace/backtrace_heap.h"
 #include "backtrace/fast_unwind.h"
 #include "backtrace/fde_cache.h"
 #include "base/format.h"
+#include "heap/guards.h"
 #include "heap/heap_tables.h"
 #include "threads/reentrancy.h"
 
@@ -102,5 +104,56 @@ void BM_FormatEventLine(benchmark::State& state) {
 BENCHMARK(BM_FormatEventLine);
 
 }  // namespace
+
+// Guards and painting, in bytes per second, next to what the C library's
+// memset and memcmp do with the same bytes. A block of the given payload
+// length with default 16-byte guards on both sides: fill both, check both.
+void BM_GuardFillAndCheck(benchmark::State& state) {
+  const size_t guard = static_cast<size_t>(state.range(0));
+  guard_settings_t g = {static_cast<guard_size_t>(guard), 0x77777777u, static_cast<guard_size_t>(guard), 0x99999999u};
+  std::vector<uint8_t> buf(2 * guard + 64);
+  uint8_t* payload = buf.data() + guard;
+  for (auto _ : state) {
+    QM_HEAP_guard_fill_guards(gfm_both, payload, 64, &g);
+    benchmark::DoNotOptimize(QM_HEAP_guard_check_guards(payload, 64, &g));
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 2 * 2 * static_cast<int64_t>(guard));
+}
+BENCHMARK(BM_GuardFillAndCheck)->Arg(16)->Arg(256)->Arg(4096);
+
+void BM_GuardMemsetMemcmp(benchmark::State& state) {
+  const size_t guard = static_cast<size_t>(state.range(0));
+  std::vector<uint8_t> buf(2 * guard + 64), ref(guard, 0x77);
+  for (auto _ : state) {
+    memset(buf.data(), 0x77, guard);
+    memset(buf.data() + guard + 64, 0x77, guard);
+    benchmark::DoNotOptimize(memcmp(buf.data(), ref.data(), guard) | memcmp(buf.data() + guard + 64, ref.data(), guard));
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 2 * 2 * static_cast<int64_t>(guard));
+}
+BENCHMARK(BM_GuardMemsetMemcmp)->Arg(16)->Arg(256)->Arg(4096);
+
+void BM_Paint(benchmark::State& state) {
+  const size_t len = static_cast<size_t>(state.range(0));
+  std::vector<uint8_t> buf(len + 8);
+  for (auto _ : state) {
+    QM_HEAP_paint_block(buf.data() + 3, static_cast<int>(0xa110ca7fu), len);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(len));
+}
+BENCHMARK(BM_Paint)->Arg(24)->Arg(256)->Arg(65536);
+
+void BM_Memset(benchmark::State& state) {
+  const size_t len = static_cast<size_t>(state.range(0));
+  std::vector<uint8_t> buf(len + 8);
+  for (auto _ : state) {
+    memset(buf.data() + 3, 0xa1, len);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(len));
+}
+BENCHMARK(BM_Memset)->Arg(24)->Arg(256)->Arg(65536);
 
 BENCHMARK_MAIN();

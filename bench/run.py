@@ -22,6 +22,8 @@ Knobs (environment, or the options of the same meaning):
   QMHEAP_BENCH_ONLY=a,b    only the workloads whose names are listed     --only a,b
   QMHEAP_BENCH_PEERS=list  peers to measure: heaptrack,valgrind (default
                            both where installed; "none" for neither)     --peers list
+  QMHEAP_BENCH_VARIANTS=l  the agent with protections on, as columns:
+                           guards,protect (default both; "none")        --variants l
   QMHEAP_BENCH_MICRO=1     then run the Google Benchmark micro benchmarks --micro
 
 The table goes to standard output and, with the machine and tool versions,
@@ -48,6 +50,14 @@ RESULTS = os.path.join(BENCH, "results")
 BUILD64 = os.path.join(ROOT, "build", "x86_64")
 BUILD32 = os.path.join(ROOT, "build", "i386")
 LOCK = os.path.join(tempfile.gettempdir(), "qmheap-bench.lock")
+
+# The agent with protections on, measured as columns of their own: the
+# settings added to QMHEAP_ARGS and the column's heading.
+VARIANTS = {
+    "guards": ("enable_guard_blocks=true", "qmheap guards"),
+    "protect": ("enable_guard_blocks=true paint_on_alloc=true paint_on_dealloc=true enable_hoarding=true",
+                "qmheap guards+paint+hoard"),
+}
 
 # The agent's start-up and shut-down lines at verbosity 2; anything else it
 # prints is an event report.
@@ -411,6 +421,9 @@ class Bench:
 
     def command(self, w, tool, size, agent_args=None):
         """argv and environment of workload w run plain or under a tool."""
+        if tool in VARIANTS:
+            agent_args = " ".join(a for a in (VARIANTS[tool][0], agent_args) if a)
+            tool = "agent"
         argv = w.argv(size)
         env = dict(self.env)
         env.update(w.env)
@@ -461,10 +474,12 @@ class Bench:
             self.fail(w, "run under the agent failed (exit %d): %s" % (under.status, under.stderr.strip()[-500:]))
             return False
         same = under.output == expected
-        verbose = self.run(w, "agent", size, agent_args="verbosity=2")
-        events = [l for l in verbose.stderr.splitlines()
-                  if l.startswith("QM_HEAP") and not l.startswith(FRAME)]
-        same = same and verbose.output == expected
+        events = []
+        for tool in ["agent"] + self.variants():
+            verbose = self.run(w, tool, size, agent_args="verbosity=2")
+            events += [l for l in verbose.stderr.splitlines()
+                       if l.startswith("QM_HEAP") and not l.startswith(FRAME)]
+            same = same and verbose.output == expected
         self.checks.append((w, same, events, expected))
         log("  check %-10s output %s plain and under the agent; verbosity 2: %s"
             % (w.name, "the same" if same else "DIFFERS", "%d event lines" % len(events) if events else "no event"))
@@ -481,13 +496,22 @@ class Bench:
 
     # -- timed rounds
 
+    def variants(self):
+        wanted = [v for v in self.args.variants.split(",") if v and v != "none"]
+        return [v for v in VARIANTS if v in wanted]
+
     def measure(self, w, peers):
         cells = {"agent": Cell()}
+        for v in self.variants():
+            cells[v] = Cell()
         for p in peers:
             cells[p] = Cell()
         if w.arch == "i386":
             for p in peers:
                 cells[p].note = "n/a (x86-64 only here)"
+            if self.tools["emulated32"]:
+                for v in self.variants():
+                    cells[v].note = "not measured (emulated)"
         if "heaptrack" in cells and w.heaptrack_note:
             cells["heaptrack"].note = w.heaptrack_note
         base = {"wall": [], "cpu": [], "rss": []}
@@ -504,7 +528,7 @@ class Bench:
             base["cpu"].append(plain.cpu)
             base["rss"].append(plain.rss_kib)
             line = "plain %.2fs" % plain.wall
-            for tool in ["agent"] + peers:
+            for tool in ["agent"] + self.variants() + peers:
                 c = cells[tool]
                 if c.note:
                     continue
@@ -514,12 +538,13 @@ class Bench:
                     tsize = "valgrind"
                 else:
                     tsize = size
-                r = self.run(w, tool, tsize, keep_output=tool == "agent")
+                under_agent = tool == "agent" or tool in VARIANTS
+                r = self.run(w, tool, tsize, keep_output=under_agent)
                 if r.status != 0:
                     c.note = "failed (exit %d)" % r.status
                     self.fail(w, "%s run failed in round %d (exit %d)" % (tool, rnd, r.status))
                     continue
-                if tool == "agent":
+                if under_agent:
                     self.timed_outputs[w.name] = self.timed_outputs.get(w.name, 0) + 1
                     if r.output != plain.output:
                         self.fail(w, "output differs under the agent in round %d:\n  plain: %r\n  agent: %r"
@@ -582,7 +607,8 @@ class Bench:
     # -- the report
 
     def report(self, rows, peers, elapsed):
-        heads = ["workload", "plain: wall (CPU) [peak RSS]", "qmheap"] + peers
+        variants = self.variants()
+        heads = ["workload", "plain: wall (CPU) [peak RSS]", "qmheap"] + [VARIANTS[v][1] for v in variants] + peers
         out = ["| " + " | ".join(heads) + " |", "|" + "---|" * len(heads)]
         notes = []
 
@@ -597,7 +623,7 @@ class Bench:
                 continue
             plain = "%.2f s (%.2f s) [%.0f MiB]" % (median(base["wall"]), median(base["cpu"]),
                                                    median(base["rss"]) / 1024)
-            row = [w.label, plain, cells["agent"].text()]
+            row = [w.label, plain, cells["agent"].text()] + [cells[v].text() for v in variants]
             for p in peers:
                 m = ""
                 if p == "valgrind" and w.valgrind_note and not self.quick and not cells[p].note:
@@ -635,7 +661,8 @@ class Bench:
             "Each cell: median over the rounds of the per-round ratio tool/plain of wall time, "
             "(CPU time: user + system of the whole process tree) and [peak RSS: the largest process of the tree]. "
             "The plain column gives the medians of the plain runs themselves. "
-            "qmheap runs at its default settings with no configuration file; heaptrack writes its trace "
+            "qmheap runs at its default settings with no configuration file (the variant columns add "
+            + "; ".join("%s: `%s`" % (VARIANTS[v][1], VARIANTS[v][0]) for v in self.variants()) + "); heaptrack writes its trace "
             "to a temporary file (removed); valgrind is memcheck, `-q --trace-children=yes`.",
             "",
             table,
@@ -742,6 +769,7 @@ def main():
     ap.add_argument("--quick", action="store_true", default=env("QMHEAP_BENCH_QUICK", "") not in ("", "0"))
     ap.add_argument("--only", default=env("QMHEAP_BENCH_ONLY", ""))
     ap.add_argument("--peers", default=env("QMHEAP_BENCH_PEERS") or "heaptrack,valgrind")
+    ap.add_argument("--variants", default=env("QMHEAP_BENCH_VARIANTS") or "guards,protect")
     ap.add_argument("--micro", action="store_true", default=env("QMHEAP_BENCH_MICRO", "") not in ("", "0"))
     args = ap.parse_args()
     if args.pairs < 1:

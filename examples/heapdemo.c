@@ -5,7 +5,10 @@
  *   heapdemo double     frees a block twice
  *   heapdemo middle     frees an address inside a block
  *   heapdemo wild       frees an address that was never allocated
- *   heapdemo leak       leaves blocks allocated at exit */
+ *   heapdemo leak       leaves blocks allocated at exit
+ *   heapdemo overrun    writes one byte past the end of a word, then frees it
+ *   heapdemo underrun   writes one byte before the start of a word, then frees it
+ *   heapdemo afterfree  writes into a word after freeing it, then frees more */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <malloc.h>
@@ -57,6 +60,16 @@ int main(int argc, char** argv) {
   } else if (strcmp(mode, "wild") == 0) {
     static char not_heap[64];
     free(not_heap + 16);
+  } else if (strcmp(mode, "overrun") == 0) {
+    list->text[strlen(list->text) + 1] = '!'; /* one past the block: "block" has 6 bytes */
+  } else if (strcmp(mode, "underrun") == 0) {
+    list->text[-1] = '!';
+  } else if (strcmp(mode, "afterfree") == 0) {
+    char* stale = list->text;
+    list->text = strdup("gone");
+    free(stale);
+    stale[0] = 'B'; /* the block sits in the hoard: the write is found when it leaves */
+    for (int i = 0; i < 40; ++i) free(strdup("churn"));
   }
 
   if (strcmp(mode, "leak") != 0) {

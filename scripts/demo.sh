@@ -28,5 +28,14 @@ under "" "$demo" middle
 say "a free of an address that was never allocated"
 under "" "$demo" wild
 
+say "one byte written past the end of a block, found at its release (enable_guard_blocks=true)"
+under "enable_guard_blocks=true" "$demo" overrun
+
+say "one byte written before the start of a block, found at its release"
+under "enable_guard_blocks=true" "$demo" underrun
+
+say "a write into a freed block that the hoard holds back, found when it leaves (paint_on_dealloc=true enable_hoarding=true)"
+under "paint_on_dealloc=true enable_hoarding=true" "$demo" afterfree
+
 say "blocks left allocated at exit (display_allocations_on_exit=true)"
 under "display_allocations_on_exit=true" "$demo" leak

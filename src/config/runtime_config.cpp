@@ -13,6 +13,7 @@
 #include "events/events.h"
 #include "events/output.h"
 #include "heap/controls.h"
+#include "heap/guards.h"
 #include "redzone/rz_controls.h"
 #include "snapshot/snapshot.h"
 

@@ -18,12 +18,16 @@
 
 #include "backtrace/backtrace_heap.h"
 #include "base/assert.h"
+#include "base/export.h"
+#include "base/memory_manager.h"
 #include "base/page.h"
 #include "core/owners.h"
 #include "events/events.h"
 #include "events/output.h"
 #include "heap/controls.h"
+#include "heap/guards.h"
 #include "heap/heap_tables.h"
+#include "heap/hoard.h"
 #include "threads/thread_utils.h"
 
 extern "C" {
@@ -79,6 +83,8 @@ struct EventQueue {
   void add_record(QM_HEAP_event_e e, QM_HEAP_heap_op_e op, const allocation_record_t& r) {
     add(e, op).allocation_record = r;
   }
+  // What the hoard found under the table lock (called with it held).
+  void take_hoard_events() { n += qm::take_hoard_events(ev + n, kCapacity - n); }
   // Dispatches everything queued; true when anything was.
   bool raise() {
     for (int i = 0; i < n; ++i) QM_HEAP_notify_event(&ev[i]);
@@ -124,6 +130,120 @@ struct CancelWindow {
     if (a->num_times_entered == 1 && a->caller_info.is_multi_threaded) qm::disable_cancellation_again();
   }
 };
+
+void raise_record_event(QM_HEAP_event_e ev, QM_HEAP_heap_op_e op, const allocation_record_t& r, size_t len = 0);
+
+// --- guards, painting, hoarding ------------------------------------------------
+
+// The length with guards, held to SIZE_MAX (which the allocator refuses).
+size_t with_guards(const guard_settings_t& g, size_t len) {
+  size_t n;
+  if (__builtin_add_overflow(len, static_cast<size_t>(g.pre_size) + g.post_size, &n)) return SIZE_MAX;
+  return n;
+}
+
+void paint_on_allocation(painting_op_e ptop, void* addr, size_t len) {
+  if (!QM_HEAP_paint_paint_on_allocation || addr == nullptr) return;
+  switch (ptop) {
+    case ptop_never: return;
+    case ptop_isnt_zeroed_alloc: break;
+    case ptop_is_zeroed_alloc:
+      if (!QM_HEAP_paint_paint_over_zero) return;
+      break;
+    default: QM_assert(0, "error in paint_on_allocation: unexpected ptop (%d)\n", static_cast<int>(ptop));
+  }
+  QM_HEAP_paint_block(addr, QM_HEAP_paint_pattern_allocation, len);
+}
+
+void paint_on_deallocation(void* p, size_t len) {
+  if (p != nullptr && QM_HEAP_paint_paint_on_deallocation) QM_HEAP_paint_block(p, QM_HEAP_paint_pattern_deallocation, len);
+}
+
+// The geometry of a recorded block; a block whose guard id the table does
+// not know is an impossibility.
+guard_settings_t settings_of(const allocation_record_t& rec) {
+  guard_settings_t gs = {};
+  if (rec.guard_id != 0 && !qm::guard_settings_of(rec.guard_id, &gs))
+    QM_assert(0, "lookup of guard settings entry failed\n");
+  return gs;
+}
+
+// Checks a claimed block's guards, raising the event for a damaged one.
+bool check_block_guards(QM_HEAP_heap_op_e op, const allocation_record_t& rec, const guard_settings_t& gs) {
+  if (rec.guard_id == 0 || QM_HEAP_guard_check_guards(rec.addr, rec.len, &gs) == guards_ok) return false;
+  raise_record_event(qm_heap_event_guard_corruption, op, rec);
+  return true;
+}
+
+// Every live block's guards, for the checks on entry and exit. Blocks with
+// an operation in progress are another thread's to check.
+struct DamagedBlocks {
+  static constexpr int kMax = 16;  // per check; the next check finds the rest
+  allocation_record_t recs[kMax];
+  int n = 0;
+};
+
+int check_live_block(allocation_record_t* r, int* stop, void* arg) {
+  if (r->guard_id == 0 || (r->flags & af_op_in_progress)) return 0;
+  guard_settings_t gs;
+  if (!qm::guard_settings_of(r->guard_id, &gs) || QM_HEAP_guard_check_guards(r->addr, r->len, &gs) == guards_ok)
+    return 0;
+  auto* d = static_cast<DamagedBlocks*>(arg);
+  d->recs[d->n++] = *r;
+  if (d->n == DamagedBlocks::kMax) *stop = 1;
+  return 0;
+}
+
+bool check_all_guards(QM_HEAP_heap_op_e op) {
+  DamagedBlocks d;
+  QM_HEAP_ht_alloc_read_lock();
+  QM_HEAP_iterate_over_allocation_table(check_live_block, &d);
+  QM_HEAP_ht_alloc_read_unlock();
+  for (int i = 0; i < d.n; ++i) raise_record_event(qm_heap_event_guard_corruption, op, d.recs[i]);
+  return d.n > 0;
+}
+
+bool should_block_be_hoarded(const allocation_record_t& rec) {
+  (void)rec;
+  return QM_HEAP_hoard_supported && QM_HEAP_hoarding_enabled && QM_HEAP_hoarding_all_blocks;
+}
+
+// Any protection at work on a release: the quiet path then does not apply.
+inline bool protection_on_release(const allocation_record_t& rec) {
+  return rec.guard_id != 0 || QM_HEAP_paint_paint_on_deallocation || QM_HEAP_hoarding_enabled;
+}
+
+// An allocation failed: give the hoard's blocks back one at a time, retrying
+// after each, and report the hoard's size crossing the threshold downwards.
+template <typename Retry>
+void* autoshrink_and_retry(op_body_arg_t* a, QM_HEAP_heap_op_e op, Retry retry) {
+  void* r = nullptr;
+  int released;
+  do {
+    EventQueue q;
+    QM_HEAP_ht_alloc_write_lock();
+    released = 0;
+    if (QM_HEAP_hoard_num_blocks > 0) {
+      const long before = QM_HEAP_hoard_get_current_size_bytes();
+      size_t after = 0;
+      released = QM_HEAP_hoard_remove_blocks(1, &after);
+      const long threshold = QM_HEAP_hoard_autoshrink_threshold_get_size_bytes();
+      if (released == 1 && threshold >= static_cast<long>(after) && threshold < before &&
+          QM_HEAP_hoard_autoshrink_threshold_trigger_count > 0) {
+        q.add(qm_heap_event_autoshrink_threshold, op).len = after;
+        QM_HEAP_hoard_autoshrink_threshold_trigger_count = QM_HEAP_hoard_autoshrink_threshold_trigger_count - 1;
+      }
+      q.take_hoard_events();
+    }
+    QM_HEAP_ht_alloc_write_unlock();
+    q.raise();
+    CancelWindow w(a);
+    r = retry();
+  } while (r == nullptr && released == 1 && QM_HEAP_hoard_num_blocks > 0);
+  return r;
+}
+
+inline bool autoshrink_active() { return QM_HEAP_hoard_autoshrink_enabled && QM_HEAP_hoard_supported; }
 
 // --- the deallocation table -------------------------------------------------
 
@@ -217,7 +337,8 @@ int do_remove_allocation_record(const allocation_record_t& rec, QM_HEAP_heap_op_
 // waiting for it and moves it to the deallocation table. False when another
 // thread removed it in the meantime (only possible with several threads).
 bool retire_claimed_record(alloc_rec_id_t id, const allocation_record_t& rec, QM_HEAP_heap_op_e op,
-                           const char* who, EventQueue& q, bool locked_since_claim = false);
+                           const char* who, EventQueue& q, bool locked_since_claim = false,
+                           alloc_rec_id_t* dealloc_id_out = nullptr);
 
 // --- serialisation of operations on one block -------------------------------
 
@@ -288,7 +409,7 @@ alloc_rec_id_t claim_alloc_rec(const void* p, allocation_record_t* rec, QM_HEAP_
 }
 
 bool retire_claimed_record(alloc_rec_id_t id, const allocation_record_t& rec, QM_HEAP_heap_op_e op,
-                           const char* who, EventQueue& q, bool locked_since_claim) {
+                           const char* who, EventQueue& q, bool locked_since_claim, alloc_rec_id_t* dealloc_id_out) {
   // Unless the lock was held since the claim, another thread may have
   // removed the record meanwhile: find it again.
   alloc_rec_id_t again = locked_since_claim || !qm::is_multi_threaded()
@@ -301,6 +422,7 @@ bool retire_claimed_record(alloc_rec_id_t id, const allocation_record_t& rec, QM
   if (do_remove_allocation_record(current, op, QM_HEAP_op_backtrace_id, &dealloc_id, q) == 0 &&
       dealloc_id == nullptr)
     QM_assert(0, "%s: invalid dealloc id returned from do_remove_allocation_record (../malloc_interposers.c)", who);
+  if (dealloc_id_out != nullptr) *dealloc_id_out = dealloc_id;
   return true;
 }
 
@@ -316,6 +438,9 @@ struct NewBlock {
   allocator_t* allocator;
   int backtrace_id;
   const allocation_record_t* original;  // a moved block keeps its first allocation
+  guard_id_t guard_id = 0;
+  guard_size_t pre_size = 0;
+  guard_size_t post_size = 0;
 };
 
 // Live records that the new block [addr, addr + len) overlaps: the one that
@@ -347,7 +472,7 @@ void find_overlaps(const void* addr, size_t len, Overlaps& o) {
 // allocation. The stale records are dropped (an operation waiting on one of
 // them then finds it gone).
 void check_double_alloc(const NewBlock& b, EventQueue& q) {
-  const size_t span = b.alloc_len > 0 ? b.alloc_len : 1;
+  const size_t span = b.len + b.post_size > 0 ? b.len + b.post_size : 1;
   if (QM_HEAP_lookup_allocation_range_record(b.addr, span, nullptr) == nullptr) return;  // the usual case
   Overlaps o;
   find_overlaps(b.addr, span, o);
@@ -380,7 +505,7 @@ void record_new_block(const NewBlock& b, EventQueue& q) {
   rec.org_len = b.original != nullptr ? b.original->org_len : b.len;
   rec.org_backtrace_id = b.original != nullptr ? b.original->org_backtrace_id : b.backtrace_id;
   rec.control_info = nullptr;
-  rec.guard_id = 0;
+  rec.guard_id = b.guard_id;
   rec.generation = QM_HEAP_get_generation();
   rec.allocator_id = b.allocator->funcs->get_id(b.allocator);
   rec.owner_id = b.owner->funcs->get_id(b.owner);
@@ -391,10 +516,13 @@ void record_new_block(const NewBlock& b, EventQueue& q) {
     e.allocation_record = rec;
     e.alignment = b.expected_alignment;
   }
-  do_remove_deallocations(b.addr, b.alloc_len, b.op, q);
+  // The released ranges the block covers with its guards go; live blocks
+  // are looked for over the payload and the post-guard (the pre-guard lies
+  // below the record's start).
+  do_remove_deallocations(static_cast<char*>(b.addr) - b.pre_size, b.alloc_len, b.op, q);
   // One descent inserts the record and proves it clear of live blocks; only
   // when it is not does the slow search for the overlapped records run.
-  if (QM_HEAP_insert_allocation_record_if_clear(&rec, b.alloc_len) != nullptr) return;
+  if (QM_HEAP_insert_allocation_record_if_clear(&rec, b.len + b.post_size) != nullptr) return;
   check_double_alloc(b, q);
   if (QM_HEAP_insert_allocation_record(&rec) == nullptr) q.add_record(qm_heap_event_insertion_error, b.op, rec);
 }
@@ -407,19 +535,41 @@ bool handle_allocation(const NewBlock& b) {
   return q.raise();
 }
 
+// Guards, when on, are filled and the payload painted before the block is
+// recorded: a check of every block from another thread never sees a block
+// whose guards are not there yet.
 void* allocation_body(op_body_arg_t* a, QM_HEAP_heap_op_e op, size_t len, size_t alignment,
                       void* (*call)(allocator_t*, owner_t*, size_t, size_t, size_t), size_t x, size_t y,
-                      bool bad_argument) {
+                      bool bad_argument, size_t unit = 1, painting_op_e ptop = ptop_isnt_zeroed_alloc,
+                      bool guardable = true) {
   owner_t* owner = a->owner;
   allocator_t* al = qm::owner_allocator(owner);
-  void* p;
+  if (QM_UNLIKELY(QM_HEAP_guard_check_on_entry)) check_all_guards(op);
+  guard_settings_t gs = {};
+  size_t alloc_len = len;
+  if (QM_UNLIKELY(QM_HEAP_guard_enabled) && guardable) {
+    QM_HEAP_guard_get_settings(static_cast<int>(alignment), unit, &gs);
+    alloc_len = with_guards(gs, len);
+  }
+  void* base;
   {
     CancelWindow w(a);
-    p = call(al, owner, x, y, len);
+    base = call(al, owner, x, y, alloc_len);
   }
-  NewBlock b = {op, p, len, len, bad_argument ? 0 : alignment, owner, al, QM_HEAP_op_backtrace_id, nullptr};
+  if (QM_UNLIKELY(base == nullptr) && len != 0 && autoshrink_active())
+    base = autoshrink_and_retry(a, op, [&] { return call(al, owner, x, y, alloc_len); });
+  void* p = base != nullptr ? static_cast<char*>(base) + gs.pre_size : nullptr;
+  NewBlock b = {op, p, len, alloc_len, bad_argument ? 0 : alignment, owner, al, QM_HEAP_op_backtrace_id, nullptr};
+  if (p != nullptr && gs.pre_size + gs.post_size != 0) {
+    QM_HEAP_gt_insert_settings(&gs, &b.guard_id);
+    b.pre_size = gs.pre_size;
+    b.post_size = gs.post_size;
+    QM_HEAP_guard_fill_guards(gfm_both, p, len, &gs);
+  }
+  paint_on_allocation(ptop, p, len);
   bool errors = handle_allocation(b) || bad_argument;
   inc_op_count(counts_of(op), 1, 1, errors);
+  if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(op);
   return p;
 }
 
@@ -462,7 +612,16 @@ bool check_unknown_address(QM_HEAP_heap_op_e op, const void* p, size_t len, QM_H
   return true;
 }
 
-void raise_record_event(QM_HEAP_event_e ev, QM_HEAP_heap_op_e op, const allocation_record_t& r, size_t len = 0) {
+// A released range that sits in the hoard starts at p.
+bool is_hoarded_range(const void* p) {
+  allocation_record_t d;
+  QM_HEAP_ht_alloc_read_lock();
+  alloc_rec_id_t did = QM_HEAP_lookup_deallocation_record(p, &d, exact);
+  QM_HEAP_ht_alloc_read_unlock();
+  return did != nullptr && (d.flags & af_hoarded) != 0;
+}
+
+void raise_record_event(QM_HEAP_event_e ev, QM_HEAP_heap_op_e op, const allocation_record_t& r, size_t len) {
   QM_HEAP_event_info_t e = {};
   e.event = ev;
   e.op = op;
@@ -555,11 +714,19 @@ void* malloc_body(op_body_arg_t* a, size_t len) {
 
 void* calloc_body(op_body_arg_t* a, size_t nelems, size_t sizeof_elem) {
   OpBacktrace bt;
-  size_t len = nelems * sizeof_elem;
+  size_t len;
+  // A product that does not fit goes to the allocator as asked (it fails).
+  const bool fits = !__builtin_mul_overflow(nelems, sizeof_elem, &len);
+  // With guards the allocator zeroes the guarded length: in elements when the
+  // guards keep it a multiple of the element size, else in bytes.
   return allocation_body(
       a, qm_heap_op_calloc, len, QM_HEAP_alignment_default,
-      [](allocator_t* al, owner_t* o, size_t n, size_t s, size_t) { return al->funcs->calloc(al, o, n, s); },
-      nelems, sizeof_elem, false);
+      [](allocator_t* al, owner_t* o, size_t n, size_t s, size_t total) {
+        if (total == n * s) return al->funcs->calloc(al, o, n, s);
+        if (s != 0 && total % s == 0) return al->funcs->calloc(al, o, total / s, s);
+        return al->funcs->calloc(al, o, total, 1);
+      },
+      nelems, sizeof_elem, false, sizeof_elem, ptop_is_zeroed_alloc, fits);
 }
 
 void* valloc_body(op_body_arg_t* a, size_t len) {
@@ -585,45 +752,69 @@ int posix_memalign_body(op_body_arg_t* a, void** memptr, size_t alignment, size_
   OpBacktrace bt;
   owner_t* owner = a->owner;
   allocator_t* al = qm::owner_allocator(owner);
+  if (QM_UNLIKELY(QM_HEAP_guard_check_on_entry)) check_all_guards(qm_heap_op_posix_memalign);
   bool bad = !is_power_of_two(alignment) || alignment % sizeof(void*) != 0;
   if (bad) raise_bad_alignment(qm_heap_op_posix_memalign, alignment);
-  void* p = nullptr;
+  guard_settings_t gs = {};
+  size_t alloc_len = len;
+  if (QM_UNLIKELY(QM_HEAP_guard_enabled) && !bad) {
+    QM_HEAP_guard_get_settings(static_cast<int>(alignment), 1, &gs);
+    alloc_len = with_guards(gs, len);
+  }
+  void* base = nullptr;
   int r;
   {
     CancelWindow w(a);
-    r = al->funcs->posix_memalign(al, owner, &p, alignment, len);
+    r = al->funcs->posix_memalign(al, owner, &base, alignment, alloc_len);
+  }
+  if (r == ENOMEM && len != 0 && autoshrink_active()) {
+    base = autoshrink_and_retry(a, qm_heap_op_posix_memalign, [&]() -> void* {
+      void* q = nullptr;
+      return al->funcs->posix_memalign(al, owner, &q, alignment, alloc_len) == 0 ? q : nullptr;
+    });
+    if (base != nullptr) r = 0;
   }
   if (r == EINVAL && !bad) QM_HEAP_printf("posix_memalign returned EINVAL but this should have been caught earlier\n");
   else if (r != 0 && r != EINVAL && r != ENOMEM) QM_HEAP_printf("posix_memalign returned %d\n", r);
   bool errors = bad;
+  void* p = r == 0 ? static_cast<char*>(base) + gs.pre_size : nullptr;
   if (r == 0 || r == ENOMEM) {
-    NewBlock b = {qm_heap_op_posix_memalign, r == 0 ? p : nullptr, len, len, alignment, owner, al,
-                  QM_HEAP_op_backtrace_id, nullptr};
+    NewBlock b = {qm_heap_op_posix_memalign, p, len, alloc_len, alignment, owner, al, QM_HEAP_op_backtrace_id, nullptr};
+    if (p != nullptr && gs.pre_size + gs.post_size != 0) {
+      QM_HEAP_gt_insert_settings(&gs, &b.guard_id);
+      b.pre_size = gs.pre_size;
+      b.post_size = gs.post_size;
+      QM_HEAP_guard_fill_guards(gfm_both, p, len, &gs);
+    }
+    paint_on_allocation(ptop_isnt_zeroed_alloc, p, len);
     errors = handle_allocation(b) || errors;
   }
   if (r == 0) *memptr = p;
   inc_op_count(&QM_HEAP_posix_memalign_op_counts, 1, 1, errors);
+  if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(qm_heap_op_posix_memalign);
   return r;
 }
 
 void free_body(op_body_arg_t* a, void* p) {
   owner_t* owner = a->owner;
+  if (QM_UNLIKELY(QM_HEAP_guard_check_on_entry)) check_all_guards(qm_heap_op_free);
   if (p == nullptr) {
     inc_op_count(&QM_HEAP_free_op_counts, 1, 1, 0);
+    if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(qm_heap_op_free);
     return;
   }
   OpBacktrace bt;
   // The tables first, in one critical section when the block asks for
-  // nothing to be raised before its release; the allocator after, outside
-  // the lock. Until the allocator has it back nobody can be handed the block
-  // again, and a racing second release already finds it released.
+  // nothing to be raised or done before its release; the allocator after,
+  // outside the lock. Until the allocator has it back nobody can be handed
+  // the block again, and a racing second release already finds it released.
   allocation_record_t rec;
   QM_HEAP_event_e claim_event = qm_heap_event_none;
   EventQueue q;
-  bool retired = false, gone = false;
+  bool retired = false, gone = false, hoarded = false;
   QM_HEAP_ht_alloc_write_lock();
   alloc_rec_id_t id = claim_alloc_rec(p, &rec, &claim_event, qm_heap_op_free);
-  if (id != nullptr && releases_quietly(a, rec)) {
+  if (id != nullptr && releases_quietly(a, rec) && !protection_on_release(rec)) {
     gone = !retire_claimed_record(id, rec, qm_heap_op_free, "free_body", q, true);
     retired = true;
   }
@@ -631,32 +822,54 @@ void free_body(op_body_arg_t* a, void* p) {
 
   if (id == nullptr) {
     bool errors = check_unknown_address(qm_heap_op_free, p, 0, claim_event, rec);
-    allocator_t* al = qm::owner_allocator(owner);
-    {
+    // A hoarded block is the hoard's to give back: a second release of it is
+    // reported and goes no further.
+    if (!(errors && claim_event == qm_heap_event_alloc_not_in_heap && is_hoarded_range(p))) {
+      allocator_t* al = qm::owner_allocator(owner);
       CancelWindow w(a);
       al->funcs->free(al, owner, p);
     }
     inc_op_count(&QM_HEAP_free_op_counts, 1, 1, errors);
+    if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(qm_heap_op_free);
     return;
   }
 
   bool errors = false;
+  guard_settings_t gs = settings_of(rec);
   if (!retired) {
     errors = check_claimed_block(a, rec, or_free, 0, true);
+    errors = check_block_guards(qm_heap_op_free, rec, gs) || errors;
+    paint_on_deallocation(rec.addr, rec.len);
+    hoarded = should_block_be_hoarded(rec);
+    alloc_rec_id_t dealloc_id = nullptr;
     QM_HEAP_ht_alloc_write_lock();
-    gone = !retire_claimed_record(id, rec, qm_heap_op_free, "free_body", q);
+    gone = !retire_claimed_record(id, rec, qm_heap_op_free, "free_body", q, false, &dealloc_id);
+    if (hoarded && !gone && dealloc_id != nullptr) {
+      allocation_record_t d = dealloc_id->allocation_record;
+      QM_HEAP_hoard_insert(&d, dealloc_id);
+      if (QM_HEAP_paint_paint_on_deallocation) qm::hoard_note_painted(rec.addr, QM_HEAP_paint_pattern_deallocation);
+    } else {
+      hoarded = false;
+      QM_HEAP_hoard_trim_to_size_constraints();
+    }
+    q.take_hoard_events();
     QM_HEAP_ht_alloc_write_unlock();
   }
-  allocator_t* al = allocator_of(rec, owner);
-  {
+  if (!hoarded) {
+    allocator_t* al = allocator_of(rec, owner);
     CancelWindow w(a);
-    al->funcs->free(al, owner, QM_HEAP_ht_get_alloc_base_addr(&rec));
+    al->funcs->free(al, owner, static_cast<char*>(rec.addr) - gs.pre_size);
   }
   if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_free, rec);
   errors = q.raise() || gone || errors;
   inc_op_count(&QM_HEAP_free_op_counts, 1, 1, errors);
+  if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(qm_heap_op_free);
 }
 
+// A resized block keeps its guards' geometry (its guard id never changes;
+// new settings are for new blocks): the allocator resizes the guarded block,
+// the payload stays after the same pre-guard, the post-guard is filled anew
+// behind the new length, and only a grown tail is painted.
 void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
   OpBacktrace bt;
   owner_t* owner = a->owner;
@@ -665,6 +878,7 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
         a, qm_heap_op_realloc, len, QM_HEAP_alignment_default,
         [](allocator_t* al, owner_t* o, size_t, size_t, size_t n) { return al->funcs->realloc(al, o, nullptr, n); },
         0, 0, false);
+  if (QM_UNLIKELY(QM_HEAP_guard_check_on_entry)) check_all_guards(qm_heap_op_realloc);
 
   allocation_record_t rec;
   QM_HEAP_event_e claim_event = qm_heap_event_none;
@@ -672,59 +886,106 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
   alloc_rec_id_t id = claim_alloc_rec(old_addr, &rec, &claim_event, qm_heap_op_realloc);
   // A resize that raises nothing before the allocator's call keeps the lock
   // from the claim to the record's update: one critical section.
-  const bool held = id != nullptr && len != 0 && (rec.flags & af_notify_realloc) == 0 &&
-                    owns_quietly(a, rec);
+  const bool held = id != nullptr && len != 0 && (rec.flags & af_notify_realloc) == 0 && owns_quietly(a, rec) &&
+                    rec.guard_id == 0 && !QM_HEAP_paint_paint_on_deallocation;
   if (!held) QM_HEAP_ht_alloc_write_unlock();
 
   if (id == nullptr) {
     // An unknown block is still handed to the allocator; what it returns is
-    // recorded as a new block.
+    // recorded as a new block. A hoarded one is not: the program gets a new
+    // block with what the old one held.
     bool errors = check_unknown_address(qm_heap_op_realloc, old_addr, len, claim_event, rec);
     allocator_t* al = qm::owner_allocator(owner);
     void* r;
+    allocation_record_t d = {};
+    const bool from_hoard = errors && claim_event == qm_heap_event_alloc_not_in_heap && is_hoarded_range(old_addr) &&
+                            QM_HEAP_lookup_deallocation_record(old_addr, &d, exact) != nullptr;
     {
       CancelWindow w(a);
-      r = al->funcs->realloc(al, owner, old_addr, len);
+      r = al->funcs->realloc(al, owner, from_hoard ? nullptr : old_addr, len);
     }
+    if (r != nullptr && from_hoard) __builtin_memcpy(r, old_addr, d.len < len ? d.len : len);
     if (r != nullptr) {
       NewBlock b = {qm_heap_op_realloc, r, len, len, QM_HEAP_alignment_default, owner, al, QM_HEAP_op_backtrace_id,
                     nullptr};
       errors = handle_allocation(b) || errors;
     }
     inc_op_count(&QM_HEAP_realloc_op_counts, 1, 1, errors);
+    if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(qm_heap_op_realloc);
     return r;
   }
 
+  const guard_settings_t gs = settings_of(rec);
   bool errors = held ? false : check_claimed_block(a, rec, or_realloc, len, len == 0);
+  if (!held) errors = check_block_guards(qm_heap_op_realloc, rec, gs) || errors;
   allocator_t* al = allocator_of(rec, owner);
-  void* base = QM_HEAP_ht_get_alloc_base_addr(&rec);
+  void* base = static_cast<char*>(rec.addr) - gs.pre_size;
   EventQueue q;
 
   if (len == 0) {
-    // Released: the tables first, then the allocator (which frees it).
+    // Released: the tables first, then the allocator (which frees it), or
+    // the hoard.
+    paint_on_deallocation(rec.addr, rec.len);
+    bool hoarded = should_block_be_hoarded(rec);
+    alloc_rec_id_t dealloc_id = nullptr;
     QM_HEAP_ht_alloc_write_lock();
-    bool gone = !retire_claimed_record(id, rec, qm_heap_op_realloc, "realloc_body", q);
+    bool gone = !retire_claimed_record(id, rec, qm_heap_op_realloc, "realloc_body", q, false, &dealloc_id);
+    if (hoarded && !gone && dealloc_id != nullptr) {
+      allocation_record_t d = dealloc_id->allocation_record;
+      QM_HEAP_hoard_insert(&d, dealloc_id);
+      if (QM_HEAP_paint_paint_on_deallocation) qm::hoard_note_painted(rec.addr, QM_HEAP_paint_pattern_deallocation);
+    } else {
+      hoarded = false;
+      QM_HEAP_hoard_trim_to_size_constraints();
+    }
+    q.take_hoard_events();
     QM_HEAP_ht_alloc_write_unlock();
-    void* r;
-    {
+    void* r = nullptr;
+    if (!hoarded) {
       CancelWindow w(a);
       r = al->funcs->realloc(al, owner, base, 0);
     }
     if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_realloc, rec);
     errors = q.raise() || gone || errors;
     inc_op_count(&QM_HEAP_realloc_op_counts, 1, 1, errors);
+    if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(qm_heap_op_realloc);
     return r;
+  }
+
+  // Painting the old block on its release: what it held is kept aside first
+  // and put into the block the allocator returns.
+  const size_t kept = rec.len < len ? rec.len : len;
+  char small_copy[256];
+  void* copy = nullptr;
+  if (QM_HEAP_paint_paint_on_deallocation && kept > 0) {
+    copy = kept <= sizeof small_copy ? small_copy : QM_page_alloc(kept, mmt_hia_paint_block);
+    if (copy == nullptr) {
+      QM_HEAP_printf("Error getting memory buffer for deallocation painting for realloc\n");
+    } else {
+      __builtin_memcpy(copy, rec.addr, kept);
+      paint_on_deallocation(rec.addr, rec.len);
+    }
   }
 
   bool deleted = false;
   bool changed = false;
   allocation_record_t current = {};
+  const size_t alloc_len = with_guards(gs, len);
   void* r;
   // The lock is held across the allocator's call (it may hand the old range
   // to another thread at once), and so the caller's cancellation state is not
   // restored around it: a cancellation must never find an agent lock held.
   if (!held) QM_HEAP_ht_alloc_write_lock();
-  r = al->funcs->realloc(al, owner, base, len);
+  void* r_base = al->funcs->realloc(al, owner, base, alloc_len);
+  r = r_base != nullptr ? static_cast<char*>(r_base) + gs.pre_size : nullptr;
+  if (r != nullptr) {
+    if (copy != nullptr) __builtin_memcpy(r, copy, kept);
+    if (len > rec.len) paint_on_allocation(ptop_isnt_zeroed_alloc, static_cast<char*>(r) + rec.len, len - rec.len);
+    if (rec.guard_id != 0) QM_HEAP_guard_fill_guards(r == rec.addr ? gfm_post : gfm_both, r, len, &gs);
+  } else if (copy != nullptr) {
+    __builtin_memcpy(rec.addr, copy, kept);  // the old block lives on, unpainted
+  }
+  if (copy != nullptr && copy != small_copy) QM_page_dealloc(copy);
   alloc_rec_id_t again = held ? id : QM_HEAP_lookup_allocation_record(rec.addr, nullptr, exact);
   if (again != nullptr) current = again->allocation_record;
   if (again == nullptr) {
@@ -742,7 +1003,8 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
           QM_HEAP_set_alloc_len_by_id(again, len) != 0)
         q.add_record(qm_heap_event_modification_error, qm_heap_op_realloc, current);
       if (len > current.len) {
-        do_remove_deallocations(static_cast<char*>(r) + current.len, len - current.len, qm_heap_op_realloc, q);
+        do_remove_deallocations(static_cast<char*>(r) + current.len, len - current.len + gs.post_size,
+                                qm_heap_op_realloc, q);
       } else if (len < current.len) {
         allocation_record_t tail = current;
         tail.addr = static_cast<char*>(r) + len;
@@ -750,6 +1012,7 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
         tail.backtrace_id = QM_HEAP_op_backtrace_id;
         tail.flags = 0;
         tail.control_info = nullptr;
+        tail.guard_id = 0;
         do_insert_deallocation_record(tail, qm_heap_op_realloc, q);
       }
     } else {
@@ -760,10 +1023,15 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
     }
   }
   if (r != nullptr && r != rec.addr) {
-    NewBlock b = {qm_heap_op_realloc, r, len, len, QM_HEAP_alignment_default, owner, al, QM_HEAP_op_backtrace_id,
+    NewBlock b = {qm_heap_op_realloc, r, len, alloc_len, QM_HEAP_alignment_default, owner, al, QM_HEAP_op_backtrace_id,
                   &rec};
+    b.guard_id = rec.guard_id;
+    b.pre_size = gs.pre_size;
+    b.post_size = gs.post_size;
     record_new_block(b, q);
   }
+  QM_HEAP_hoard_trim_to_size_constraints();
+  q.take_hoard_events();
   QM_HEAP_ht_alloc_write_unlock();
   if (deleted) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_realloc, rec);
   if (changed) {
@@ -776,6 +1044,7 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
   }
   errors = q.raise() || deleted || changed || errors;
   inc_op_count(&QM_HEAP_realloc_op_counts, 1, 1, errors);
+  if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(qm_heap_op_realloc);
   return r;
 }
 

@@ -2,6 +2,7 @@
 //
 // Kept in a translation unit of its own so that the rest of the agent can be
 // linked into an ordinary test program without replacing its heap.
+#include <dlfcn.h>
 #include <malloc.h>
 #include <stdlib.h>
 
@@ -11,6 +12,8 @@
 #include "core/bodies.h"
 #include "core/entry.h"
 #include "core/owners.h"
+#include "heap/guards.h"
+#include "heap/heap_tables.h"
 #include "threads/reentrancy.h"
 
 extern "C" {
@@ -232,6 +235,30 @@ QM_EXPORT void* valloc(size_t size) noexcept {
       !init_malloc_wrappers_and_assert_function_was_found("valloc", reinterpret_cast<void**>(&QM_HEAP_org_valloc)))
     return nullptr;
   return keep_frame(valloc_op(size));
+}
+
+// Extension: the usable size of a guarded block is its payload's length
+// (the C library's answer would read the pre-guard as its chunk header);
+// every other pointer gets the C library's.
+QM_EXPORT size_t malloc_usable_size(void* p) noexcept {
+  using usable_size_fn = size_t (*)(void*);
+  static constinit usable_size_fn real = nullptr;
+  if (p == nullptr) return 0;
+  // Until a guarded block has been made there is nothing to look up.
+  if (__atomic_load_n(&QM_HEAP_guard_table.num_entries, __ATOMIC_RELAXED) != 0) {
+    allocation_record_t rec;
+    QM_HEAP_ht_alloc_read_lock();
+    alloc_rec_id_t id = QM_HEAP_lookup_allocation_record(p, &rec, exact);
+    QM_HEAP_ht_alloc_read_unlock();
+    if (id != nullptr && rec.guard_id != 0) return rec.len;
+  }
+  usable_size_fn f = __atomic_load_n(&real, __ATOMIC_ACQUIRE);
+  if (f == nullptr) {
+    f = reinterpret_cast<usable_size_fn>(QM_IA_dlsym(RTLD_NEXT, "malloc_usable_size"));
+    if (f == nullptr) return 0;
+    __atomic_store_n(&real, f, __ATOMIC_RELEASE);
+  }
+  return f(p);
 }
 
 }  // extern "C"

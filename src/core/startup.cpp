@@ -9,6 +9,7 @@
 #include "core/owners.h"
 #include "events/events.h"
 #include "events/output.h"
+#include "heap/guards.h"
 #include "heap/heap_tables.h"
 #include "threads/reentrancy.h"
 #include "threads/thread_utils.h"
@@ -103,11 +104,13 @@ void heap_ia_atfork_prepare() {
   QM_HEAP_backtrace_atfork_prepare();
   QM_HEAP_om_atfork_prepare();
   QM_HEAP_c_owner_atfork_prepare();
+  QM_HEAP_gt_atfork_prepare();
   QM_HEAP_generation_atfork_prepare();
 }
 
 void heap_ia_atfork_parent() {
   QM_HEAP_generation_atfork_parent();
+  QM_HEAP_gt_atfork_parent();
   QM_HEAP_c_owner_atfork_parent();
   QM_HEAP_om_atfork_parent();
   QM_HEAP_backtrace_atfork_parent();
@@ -118,6 +121,7 @@ void heap_ia_atfork_parent() {
 
 void heap_ia_atfork_child() {
   QM_HEAP_generation_atfork_child();
+  QM_HEAP_gt_atfork_child();
   QM_HEAP_c_owner_atfork_child();
   QM_HEAP_om_atfork_child();
   QM_HEAP_backtrace_atfork_child();

@@ -7,6 +7,7 @@
 #include "base/memory_manager.h"
 #include "base/page.h"
 #include "events/output.h"
+#include "heap/guards.h"
 #include "heap/start_index.h"
 
 extern "C" {
@@ -509,9 +510,10 @@ void QM_HEAP_ht_atfork_child() {
 
 void* QM_HEAP_ht_get_alloc_base_addr(const allocation_record_t* rec) {
   if (rec == nullptr) return nullptr;
-  if (rec->guard_id != 0)
+  guard_settings_t gs = {};
+  if (rec->guard_id != 0 && !qm::guard_settings_of(rec->guard_id, &gs))
     QM_assert(0, "lookup of guard id %d failed\n  (%s.%d)\n", rec->guard_id, kFile, __LINE__);
-  return rec->addr;
+  return static_cast<char*>(rec->addr) - gs.pre_size;
 }
 
 }  // extern "C"

@@ -56,16 +56,23 @@ class Targets(unittest.TestCase):
         self.assertEqual(qmtest.without_frame(r.stderr), allfuncs_reports())
 
 
+# Guards, painting on allocation and release, and the hoard, all on.
+PROTECTED = {"QMHEAP_CONFIG_FILE": "",
+             "QMHEAP_ARGS": "verbosity=2 enable_guard_blocks=true paint_on_alloc=true paint_on_dealloc=true enable_hoarding=true"}
+
+
 @unittest.skipUnless(qmtest.is_64(), "real host programs are x86-64")
 class RealPrograms(unittest.TestCase):
     """At verbosity 2 every event would be reported: there must be none."""
+
+    SETTINGS = VERBOSE
 
     def same_as_plain(self, argv, env=None, input=None, cwd=None):
         e = dict(os.environ)
         e.update(env or {})
         import subprocess
         plain = subprocess.run(argv, capture_output=True, text=True, env=e, input=input, cwd=cwd)
-        under = run_host(argv, env=dict(env or {}, **VERBOSE), input=input, cwd=cwd)
+        under = run_host(argv, env=dict(env or {}, **self.SETTINGS), input=input, cwd=cwd)
         assert_no_events(under.stderr)
         self.assertEqual(under.returncode, plain.returncode, under.stderr)
         self.assertEqual(under.stdout, plain.stdout)
@@ -104,11 +111,58 @@ class RealPrograms(unittest.TestCase):
             exe = os.path.join(d, "hello")
             r = self.same_as_plain(["gcc", "-O2", "-o", exe, src])
             self.assertEqual(r.returncode, 0, r.stderr)
-            r = run_host([exe], env=VERBOSE)
+            r = run_host([exe], env=self.SETTINGS)
             self.assertEqual((r.returncode, r.stdout), (0, "compiled ok\n"))
             assert_no_events(r.stderr)
         finally:
             shutil.rmtree(d)
+
+    def test_sqlite3(self):
+        sql = ("create table t(a integer primary key, b text, c real);\n"
+               "with recursive n(i) as (select 1 union all select i + 1 from n where i < 20000)\n"
+               "insert into t select i, printf('row %d', i * 7), i / 3.0 from n;\n"
+               "create index tb on t(b);\n"
+               "select count(*), sum(c), max(b) from t where a % 3 = 0;\n"
+               "select b from t where b like 'row 7%' order by b desc limit 3;\n")
+        self.same_as_plain(["sqlite3", ":memory:"], input=sql)
+
+    def test_git_session(self):
+        # The same session plain and under the agent, each in a directory of
+        # its own: fixed dates make the same commit ids.
+        env = {"GIT_AUTHOR_NAME": "t", "GIT_AUTHOR_EMAIL": "t@e", "GIT_COMMITTER_NAME": "t",
+               "GIT_COMMITTER_EMAIL": "t@e", "GIT_AUTHOR_DATE": "2026-01-01T00:00:00Z",
+               "GIT_COMMITTER_DATE": "2026-01-01T00:00:00Z", "GIT_CONFIG_NOSYSTEM": "1"}
+        script = ("git init -q -b main . && git add . && git commit -q -m first && "
+                  "git log --format=%H%n%s && git fsck --no-progress && echo fsck ok")
+        dirs = [tempfile.mkdtemp(), tempfile.mkdtemp()]
+        try:
+            for d in dirs:
+                for i in range(200):
+                    with open(os.path.join(d, "f%03d.txt" % i), "w") as f:
+                        f.write("file %d\n" % i * (i % 13 + 1))
+            import subprocess
+            plain = subprocess.run(["bash", "-c", script], capture_output=True, text=True, cwd=dirs[0],
+                                   env=dict(os.environ, HOME=dirs[0], **env))
+            under = run_host(["bash", "-c", script], env=dict(env, HOME=dirs[1], **self.SETTINGS), cwd=dirs[1])
+            assert_no_events(under.stderr)
+            self.assertEqual((under.returncode, under.stdout), (plain.returncode, plain.stdout), under.stderr)
+            self.assertIn("first", under.stdout)
+        finally:
+            for d in dirs:
+                shutil.rmtree(d)
+
+
+class RealProgramsProtected(RealPrograms):
+    """The same programs with every block guarded and painted and every
+    release hoarded: still no event and the same behaviour."""
+
+    SETTINGS = PROTECTED
+
+    def test_threads_exceptions_iostreams_and_fork(self):
+        r = run([target("cxx_threads")], env=PROTECTED, timeout=600)
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
+        self.assertEqual(r.stdout, "cxx_threads: total 3988, child 0\n")
+        assert_no_events(r.stderr)
 
 
 if __name__ == "__main__":

@@ -337,12 +337,6 @@ class Debugger(unittest.TestCase):
         # table in expressions: they are the program's three sites. The
         # agent's own dump of the second release's stack agrees.
         commands = [
-            "set startup-with-shell off", "set breakpoint pending on",
-            "set environment LD_PRELOAD=%s" % config()["lib"],
-            "set environment QMHEAP_CONFIG_FILE=", "set environment QMHEAP_ARGS=verbosity=2",
-            "break QM_HEAP_notify_breakpoint_here", "run",
-            "while event->event != qm_heap_event_double_dealloc", "continue", "end",
-            "finish",
             "define frame0",
             "  set $t = &QM_HEAP_backtrace_table",
             "  set $per = $t->info_table.units_per_chunk",
@@ -355,17 +349,8 @@ class Debugger(unittest.TestCase):
             "frame0 QM_HEAP_event_op_backtrace_id operation",
             "frame0 QM_HEAP_event.allocation_record.backtrace_id release",
             "frame0 QM_HEAP_event.allocation_record.org_backtrace_id allocation",
-            "call (int)QM_HEAP_debug_dump_backtrace(QM_HEAP_event_op_backtrace_id)",
-            "kill", ""]
-        d = tempfile.mkdtemp()
-        try:
-            path = os.path.join(d, "commands")
-            with open(path, "w") as f:
-                f.write("\n".join(commands))
-            r = subprocess.run(["gdb", "-batch", "-nx", "-x", path, "--args", target("bt_double_free")],
-                               capture_output=True, text=True, timeout=120)
-        finally:
-            shutil.rmtree(d)
+            "call (int)QM_HEAP_debug_dump_backtrace(QM_HEAP_event_op_backtrace_id)"]
+        r = qmtest.gdb_at_event("qm_heap_event_double_dealloc", "verbosity=2", commands, [target("bt_double_free")])
         self.assertIn("event 20\n", r.stdout, r.stdout + r.stderr)
         frames = {m[0]: (int(m[1]), int(m[2], 16), m[3])
                   for m in re.findall(r"^frame0 (\w+) (\d+) ([0-9a-f]+) (\w+)(?: \+ \d+)? in section", r.stdout, re.M)}

@@ -5,10 +5,13 @@ it sits in the hoard when it leaves, and a second release of a hoarded block
 as such; correct programs see their blocks exactly as without them."""
 
 import re
+import shutil
 import unittest
 
 import qmtest
-from qmtest import assert_no_events, run, target
+from qmtest import assert_no_events, config, run, target
+
+EMULATED = bool(config()["emulated"])
 
 
 def settings(extra):
@@ -92,6 +95,34 @@ class Hoard(unittest.TestCase):
         r = run([target("protect"), "hoard-double"], env=ALL)
         self.assertEqual(r.returncode, 0, r.stderr)
         self.assertIn("QM_HEAP:  free         : double deallocation\n", reports(r.stderr))
+
+    @unittest.skipIf(EMULATED, "the address-space limit would bind the emulator, not the program")
+    def test_autoshrink_gives_held_blocks_back_when_an_allocation_fails(self):
+        hoard = "enable_hoarding=true hoard_maximum_kb=0 hoard_maximum_num_blocks=0 "
+        r = run([target("protect"), "autoshrink"], env=settings(hoard))
+        self.assertEqual((r.returncode, r.stdout), (0, "autoshrink: no room\n"), r.stderr)
+        # Giving back the first 4 MiB block crosses 14 MiB downwards: reported
+        # once (the trigger count is 1 by default).
+        r = run([target("protect"), "autoshrink"],
+                env=settings(hoard + "enable_hoard_autoshrink=true hoard_autoshrink_threshold_kb=14336"))
+        self.assertEqual((r.returncode, r.stdout), (0, "autoshrink: made room\n"), r.stderr)
+        self.assertIn("QM_HEAP:  malloc       : hoard autoshrink threshold crossed\n"
+                      "QM_HEAP:  malloc       : hoard size is 12582912 bytes (12288kb) (12mb)\n", reports(r.stderr))
+        self.assertEqual(reports(r.stderr).count("threshold crossed"), 1)
+
+
+@unittest.skipUnless(config()["native_exec"] and shutil.which("gdb"), "needs gdb on a natively run program")
+class Debugger(unittest.TestCase):
+    def test_stopped_at_a_guard_corruption_the_debugger_sees_the_block_and_its_guards(self):
+        commands = [
+            "set $r = QM_HEAP_event.allocation_record",
+            "set $g = QM_HEAP_guard_table.settings[$r.guard_id]",
+            "printf \"event %d len %d guards %d %d\\n\", QM_HEAP_event.event, (int)$r.len, $g.pre_size, $g.post_size",
+            "printf \"after %x %x\\n\", ((unsigned char*)$r.addr)[$r.len], ((unsigned char*)$r.addr)[$r.len + 1]"]
+        r = qmtest.gdb_at_event("qm_heap_event_guard_corruption", "verbosity=2 enable_guard_blocks=true", commands,
+                                [target("protect"), "overrun", "malloc"])
+        # The byte written past the end, then the post-guard's pattern.
+        self.assertIn("event 21 len 10 guards 16 16\nafter 78 99\n", r.stdout, r.stdout + r.stderr)
 
 
 if __name__ == "__main__":

@@ -12,6 +12,9 @@
  *                  painted blocks hold, malloc_usable_size
  *   resize         grows, shrinks and moves guarded blocks with realloc and
  *                  checks contents and guards' bytes
+ *   autoshrink     with the address space limited, releases four 4 MiB
+ *                  blocks into the hoard, then asks for 12 MiB: only the
+ *                  hoard giving blocks back makes room
  */
 #define _GNU_SOURCE
 #include <malloc.h>
@@ -19,6 +22,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 static char* volatile sink;
@@ -116,6 +120,26 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (strcmp(what, "resize") == 0) return resize();
+  if (strcmp(what, "autoshrink") == 0) {
+    /* Room for the program as it is and about 20 MiB more. */
+    FILE* f = fopen("/proc/self/statm", "r");
+    unsigned long pages = 0;
+    if (f == NULL || fscanf(f, "%lu", &pages) != 1) return 2;
+    fclose(f);
+    struct rlimit rl = {pages * (unsigned long)sysconf(_SC_PAGESIZE) + (20ul << 20), RLIM_INFINITY};
+    if (setrlimit(RLIMIT_AS, &rl) != 0) return 2;
+    char* held[4];
+    for (int i = 0; i < 4; ++i) {
+      held[i] = malloc(4 << 20);
+      if (held[i] == NULL) return 3;
+      memset(held[i], i, 4 << 20);
+    }
+    for (int i = 0; i < 4; ++i) free(held[i]);
+    char* big = malloc(12 << 20);
+    printf("autoshrink: %s\n", big != NULL ? "made room" : "no room");
+    free(big);
+    return 0;
+  }
   fprintf(stderr, "protect: unknown mode %s\n", what);
   return 2;
 }

@@ -90,6 +90,8 @@ void fill_guard(uint8_t* p, size_t len, guard_pattern_t pattern) {
   }
   // From an anchor on, eight bytes at a time hold the pattern twice.
   const uint64_t twice = static_cast<uint64_t>(pattern) << 32 | pattern;
+  const uint64_t chunk[4] = {twice, twice, twice, twice};
+  for (; len >= 32; p += 32, len -= 32) __builtin_memcpy(p, chunk, 32);
   for (; len >= 8; p += 8, len -= 8) __builtin_memcpy(p, &twice, 8);
   if (len >= 4) {
     __builtin_memcpy(p, &pattern, 4);
@@ -368,6 +370,8 @@ void QM_HEAP_paint_block(void* addr, int pattern, size_t len) {
     len -= 4;
   }
   const uint64_t ww = static_cast<uint64_t>(w) << 32 | w;
+  const uint64_t chunk[4] = {ww, ww, ww, ww};  // 32 bytes a store run: vector stores
+  for (; len >= 32; p += 32, len -= 32) __builtin_memcpy(p, chunk, 32);
   for (; len >= 8; p += 8, len -= 8) __builtin_memcpy(p, &ww, 8);
   if (len >= 4) {
     __builtin_memcpy(p, &w, 4);

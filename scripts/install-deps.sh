@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, only the packages that are missing. Idempotent.
-# Usage: install-deps.sh [bench]   (bench: also the benchmark's workloads,
-# GNU time, and heaptrack and valgrind, its peer columns)
+# Usage: install-deps.sh [bench]   (bench: also GNU time, and heaptrack and
+# valgrind, the benchmark's peer columns; sqlite3 and git, which the tests
+# run under the agent, are always installed)
 set -eu
-pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc"
+pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc sqlite3 git"
 if [ "${1:-}" = bench ]; then
-  pkgs="$pkgs sqlite3 git time heaptrack valgrind"
+  pkgs="$pkgs time heaptrack valgrind"
 fi
 missing=""
 for p in $pkgs; do

@@ -73,6 +73,11 @@ class Guards(unittest.TestCase):
         self.assertEqual(lines["painted"], "7f ca 10 a1 7f ca 10")
         self.assertEqual(lines["calloc"], "00 00 00 00 00 00")
         self.assertEqual(lines["released"], "cf 10 a1 de cf 10 a1 de cf")
+        # Painting over zero paints calloc's blocks too.
+        r = run([target("protect"), "layout"], env=settings("paint_on_alloc=true paint_on_zalloc=true"))
+        assert_no_events(r.stderr)
+        lines = dict(l.split(": ", 1) for l in r.stdout.splitlines())
+        self.assertEqual(lines["calloc"], "7f ca 10 a1 7f ca")
 
     def test_resizing_guarded_blocks_keeps_contents_and_guards(self):
         for env in (GUARDS, ALL, settings("enable_guard_blocks=true guard_check_on_exit=true paint_on_dealloc=true")):

@@ -155,8 +155,20 @@ void paint_on_allocation(painting_op_e ptop, void* addr, size_t len) {
   QM_HEAP_paint_block(addr, QM_HEAP_paint_pattern_allocation, len);
 }
 
-void paint_on_deallocation(void* p, size_t len) {
-  if (p != nullptr && QM_HEAP_paint_paint_on_deallocation) QM_HEAP_paint_block(p, QM_HEAP_paint_pattern_deallocation, len);
+// The pattern painted, for the hoard's check when the block leaves it; or
+// nothing painted.
+struct DeallocPaint {
+  bool painted = false;
+  int pattern = 0;
+};
+
+DeallocPaint paint_on_deallocation(void* p, size_t len) {
+  DeallocPaint d;
+  if (p == nullptr || !QM_HEAP_paint_paint_on_deallocation) return d;
+  d.pattern = QM_HEAP_paint_pattern_deallocation;
+  d.painted = true;
+  QM_HEAP_paint_block(p, d.pattern, len);
+  return d;
 }
 
 // The geometry of a recorded block; a block whose guard id the table does
@@ -839,7 +851,7 @@ void free_body(op_body_arg_t* a, void* p) {
   if (!retired) {
     errors = check_claimed_block(a, rec, or_free, 0, true);
     errors = check_block_guards(qm_heap_op_free, rec, gs) || errors;
-    paint_on_deallocation(rec.addr, rec.len);
+    const DeallocPaint paint = paint_on_deallocation(rec.addr, rec.len);
     hoarded = should_block_be_hoarded(rec);
     alloc_rec_id_t dealloc_id = nullptr;
     QM_HEAP_ht_alloc_write_lock();
@@ -847,7 +859,7 @@ void free_body(op_body_arg_t* a, void* p) {
     if (hoarded && !gone && dealloc_id != nullptr) {
       allocation_record_t d = dealloc_id->allocation_record;
       QM_HEAP_hoard_insert(&d, dealloc_id);
-      if (QM_HEAP_paint_paint_on_deallocation) qm::hoard_note_painted(rec.addr, QM_HEAP_paint_pattern_deallocation);
+      if (paint.painted) qm::hoard_note_painted(rec.addr, paint.pattern);
     } else {
       hoarded = false;
       QM_HEAP_hoard_trim_to_size_constraints();
@@ -925,7 +937,7 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
   if (len == 0) {
     // Released: the tables first, then the allocator (which frees it), or
     // the hoard.
-    paint_on_deallocation(rec.addr, rec.len);
+    const DeallocPaint paint = paint_on_deallocation(rec.addr, rec.len);
     bool hoarded = should_block_be_hoarded(rec);
     alloc_rec_id_t dealloc_id = nullptr;
     QM_HEAP_ht_alloc_write_lock();
@@ -933,7 +945,7 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
     if (hoarded && !gone && dealloc_id != nullptr) {
       allocation_record_t d = dealloc_id->allocation_record;
       QM_HEAP_hoard_insert(&d, dealloc_id);
-      if (QM_HEAP_paint_paint_on_deallocation) qm::hoard_note_painted(rec.addr, QM_HEAP_paint_pattern_deallocation);
+      if (paint.painted) qm::hoard_note_painted(rec.addr, paint.pattern);
     } else {
       hoarded = false;
       QM_HEAP_hoard_trim_to_size_constraints();

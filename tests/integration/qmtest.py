@@ -53,19 +53,11 @@ def run_host(argv, env=None, timeout=600, input=None, cwd=None):
                           env=e, errors="replace")
 
 
-def gdb_at_event(event, settings, commands, argv):
-    """Runs argv under gdb with the agent preloaded and the given QMHEAP_ARGS,
-    stops at the breakpoint function until the event named (an enumerator of
-    QM_HEAP_event_e) is being raised, lets the notification finish, then runs
-    the commands; returns the CompletedProcess."""
+def gdb(script, argv):
+    """Runs argv under gdb with the given command lines; returns the
+    CompletedProcess."""
     import shutil
     import tempfile
-    script = ["set startup-with-shell off", "set breakpoint pending on",
-              "set environment LD_PRELOAD=%s" % CONFIG["lib"],
-              "set environment QMHEAP_CONFIG_FILE=", "set environment QMHEAP_ARGS=%s" % settings,
-              "break QM_HEAP_notify_breakpoint_here", "run",
-              "while event->event != %s" % event, "continue", "end",
-              "finish"] + list(commands) + ["kill", ""]
     d = tempfile.mkdtemp()
     try:
         path = os.path.join(d, "commands")
@@ -75,6 +67,20 @@ def gdb_at_event(event, settings, commands, argv):
                               capture_output=True, text=True, timeout=120)
     finally:
         shutil.rmtree(d)
+
+
+def gdb_at_event(event, settings, commands, argv):
+    """Runs argv under gdb with the agent preloaded and the given QMHEAP_ARGS,
+    stops at the breakpoint function until the event named (an enumerator of
+    QM_HEAP_event_e) is being raised, lets the notification finish, then runs
+    the commands; returns the CompletedProcess."""
+    script = ["set startup-with-shell off", "set breakpoint pending on",
+              "set environment LD_PRELOAD=%s" % CONFIG["lib"],
+              "set environment QMHEAP_CONFIG_FILE=", "set environment QMHEAP_ARGS=%s" % settings,
+              "break QM_HEAP_notify_breakpoint_here", "run",
+              "while event->event != %s" % event, "continue", "end",
+              "finish"] + list(commands) + ["kill", ""]
+    return gdb(script, argv)
 
 
 # The agent's start-up and shut-down lines at verbosity 2, which every run prints.

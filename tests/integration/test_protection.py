@@ -129,6 +129,19 @@ class Debugger(unittest.TestCase):
         # The byte written past the end, then the post-guard's pattern.
         self.assertIn("event 21 len 10 guards 16 16\nafter 78 99\n", r.stdout, r.stdout + r.stderr)
 
+    def test_new_settings_apply_to_new_blocks_only(self):
+        # A debugger widens the pre-guard between two allocations: the first
+        # block keeps its 16 bytes and is released without a report.
+        commands = ["set startup-with-shell off",
+                    "set environment LD_PRELOAD=%s" % config()["lib"],
+                    "set environment QMHEAP_CONFIG_FILE=",
+                    "set environment QMHEAP_ARGS=verbosity=2 enable_guard_blocks=true",
+                    "break checkpoint", "run", "set var QM_HEAP_guard_pre_size = 40", "continue", ""]
+        r = qmtest.gdb(commands, [target("protect"), "geometry"])
+        self.assertIn("pre-guards 16 48\n", r.stdout, r.stdout + r.stderr)
+        assert_no_events(r.stdout + r.stderr)
+
+
 
 if __name__ == "__main__":
     qmtest.main()

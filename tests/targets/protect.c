@@ -12,6 +12,9 @@
  *                  painted blocks hold, malloc_usable_size
  *   resize         grows, shrinks and moves guarded blocks with realloc and
  *                  checks contents and guards' bytes
+ *   geometry       a block, a stop at checkpoint() (where a debugger may change
+ *                  the guard settings), another block: prints each one's
+ *                  pre-guard length, then frees both
  *   autoshrink     with the address space limited, releases four 4 MiB
  *                  blocks into the hoard, then asks for 12 MiB: only the
  *                  hoard giving blocks back makes room
@@ -49,6 +52,14 @@ static void hex(const char* what, const unsigned char* p, size_t n) {
   printf("%s:", what);
   for (size_t i = 0; i < n; ++i) printf(" %02x", p[i]);
   printf("\n");
+}
+
+__attribute__((noinline)) void checkpoint(void) { __asm__ volatile("" ::: "memory"); }
+
+static int pre_guard(const unsigned char* p) {
+  int n = 0;
+  while (n < 4096 && p[-1 - n] == 0x77) ++n;
+  return n;
 }
 
 static int resize(void) {
@@ -120,6 +131,15 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (strcmp(what, "resize") == 0) return resize();
+  if (strcmp(what, "geometry") == 0) {
+    unsigned char* a = malloc(10);
+    checkpoint();
+    unsigned char* b = malloc(10);
+    printf("pre-guards %d %d\n", pre_guard(a), pre_guard(b));
+    free(a);
+    free(b);
+    return 0;
+  }
   if (strcmp(what, "autoshrink") == 0) {
     /* Room for the program as it is and about 20 MiB more. */
     FILE* f = fopen("/proc/self/statm", "r");

@@ -227,8 +227,8 @@ class ThreadsForksSignals(unittest.TestCase):
         else:
             self.check([30000, 15, 1, 60, "compute", "timer"], 2, min_forks=16)
 
-    @unittest.skipIf(EMULATED, "under qemu-user a signal handler that allocates makes the 32-bit agent report false "
-                               "double releases, with capture off as well")
+    @unittest.skipIf(EMULATED, "qemu-user runs the handler on threads that block the signal (without the agent "
+                               "too), so its heap calls interrupt theirs inside the agent")
     def test_an_allocating_handler_interrupts_its_thread_anywhere_in_the_unwinder(self):
         # The handler's captures cross the signal frame (the C library's
         # walk then serves them) while the interrupted thread may hold the
@@ -243,8 +243,8 @@ class ThreadsForksSignals(unittest.TestCase):
     # signal handler allocates needs the backtrace table's lock: a fork must
     # own the cache before it takes the agent's locks, or both would wait for
     # ever (the watchdog ends the program after 8 seconds).
-    @unittest.skipIf(EMULATED, "under qemu-user a signal handler that allocates makes the 32-bit agent report false "
-                               "double releases, with capture off as well")
+    @unittest.skipIf(EMULATED, "qemu-user runs the handler on threads that block the signal (without the agent "
+                               "too), so its heap calls interrupt theirs inside the agent")
     def test_forks_while_an_allocating_handler_interrupts_the_unwinder(self):
         r = run([target("bt_threads"), "20000", "100", "1", "8", "walk", "timer"], env=VERBOSE, timeout=300)
         self.assertEqual(r.returncode, 0, r.stdout + r.stderr[-3000:])

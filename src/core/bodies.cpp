@@ -438,6 +438,30 @@ bool retire_claimed_record(alloc_rec_id_t id, const allocation_record_t& rec, QM
   return true;
 }
 
+// A release after its checks: under the table lock the claimed record is
+// retired and, when the block is to be hoarded, its released range goes to
+// the hoard; otherwise the hoard is held to its limits. True when hoarded
+// (the allocator must then not have the block); *gone when another thread
+// removed the record meanwhile.
+bool retire_into_hoard(alloc_rec_id_t id, const allocation_record_t& rec, QM_HEAP_heap_op_e op, const char* who,
+                       EventQueue& q, const DeallocPaint& paint, bool* gone) {
+  bool hoarded = should_block_be_hoarded(rec);
+  alloc_rec_id_t dealloc_id = nullptr;
+  QM_HEAP_ht_alloc_write_lock();
+  *gone = !retire_claimed_record(id, rec, op, who, q, false, &dealloc_id);
+  if (hoarded && !*gone && dealloc_id != nullptr) {
+    allocation_record_t d = dealloc_id->allocation_record;
+    QM_HEAP_hoard_insert(&d, dealloc_id);
+    if (paint.painted) qm::hoard_note_painted(rec.addr, paint.pattern);
+  } else {
+    hoarded = false;
+    QM_HEAP_hoard_trim_to_size_constraints();
+  }
+  q.take_hoard_events();
+  QM_HEAP_ht_alloc_write_unlock();
+  return hoarded;
+}
+
 // --- recording new blocks ------------------------------------------------------
 
 struct NewBlock {
@@ -852,20 +876,7 @@ void free_body(op_body_arg_t* a, void* p) {
     errors = check_claimed_block(a, rec, or_free, 0, true);
     errors = check_block_guards(qm_heap_op_free, rec, gs) || errors;
     const DeallocPaint paint = paint_on_deallocation(rec.addr, rec.len);
-    hoarded = should_block_be_hoarded(rec);
-    alloc_rec_id_t dealloc_id = nullptr;
-    QM_HEAP_ht_alloc_write_lock();
-    gone = !retire_claimed_record(id, rec, qm_heap_op_free, "free_body", q, false, &dealloc_id);
-    if (hoarded && !gone && dealloc_id != nullptr) {
-      allocation_record_t d = dealloc_id->allocation_record;
-      QM_HEAP_hoard_insert(&d, dealloc_id);
-      if (paint.painted) qm::hoard_note_painted(rec.addr, paint.pattern);
-    } else {
-      hoarded = false;
-      QM_HEAP_hoard_trim_to_size_constraints();
-    }
-    q.take_hoard_events();
-    QM_HEAP_ht_alloc_write_unlock();
+    hoarded = retire_into_hoard(id, rec, qm_heap_op_free, "free_body", q, paint, &gone);
   }
   if (!hoarded) {
     allocator_t* al = allocator_of(rec, owner);
@@ -938,20 +949,8 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
     // Released: the tables first, then the allocator (which frees it), or
     // the hoard.
     const DeallocPaint paint = paint_on_deallocation(rec.addr, rec.len);
-    bool hoarded = should_block_be_hoarded(rec);
-    alloc_rec_id_t dealloc_id = nullptr;
-    QM_HEAP_ht_alloc_write_lock();
-    bool gone = !retire_claimed_record(id, rec, qm_heap_op_realloc, "realloc_body", q, false, &dealloc_id);
-    if (hoarded && !gone && dealloc_id != nullptr) {
-      allocation_record_t d = dealloc_id->allocation_record;
-      QM_HEAP_hoard_insert(&d, dealloc_id);
-      if (paint.painted) qm::hoard_note_painted(rec.addr, paint.pattern);
-    } else {
-      hoarded = false;
-      QM_HEAP_hoard_trim_to_size_constraints();
-    }
-    q.take_hoard_events();
-    QM_HEAP_ht_alloc_write_unlock();
+    bool gone = false;
+    const bool hoarded = retire_into_hoard(id, rec, qm_heap_op_realloc, "realloc_body", q, paint, &gone);
     void* r = nullptr;
     if (!hoarded) {
       CancelWindow w(a);

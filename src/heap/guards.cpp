@@ -76,11 +76,15 @@ guard_size_t round_guard(size_t requested, size_t m, size_t maximum) {
 
 inline uint8_t pattern_byte(guard_pattern_t pattern, size_t i) { return static_cast<uint8_t>(pattern >> (8 * (i & 3))); }
 
-// The pattern anchored so that its byte 0 falls on multiples of the pattern
-// alignment: a partial pattern first if the guard starts between anchors,
-// whole words, then the pattern's first bytes.
-void fill_guard(uint8_t* p, size_t len, guard_pattern_t pattern) {
-  const size_t anchor = static_cast<size_t>(QM_HEAP_guard_pattern_alignment);
+}  // namespace
+
+namespace qm {
+
+// The pattern anchored so that its byte 0 falls on multiples of anchor: a
+// partial pattern first if p lies between anchors, whole words (32 bytes a
+// store run), then the pattern's first bytes.
+void fill_anchored(void* to, size_t len, uint32_t pattern, size_t anchor) {
+  uint8_t* p = static_cast<uint8_t*>(to);
   size_t k = anchor > 1 ? reinterpret_cast<uintptr_t>(p) % anchor : 0;
   if (k != 0) {
     size_t n = anchor - k < len ? anchor - k : len;
@@ -88,7 +92,6 @@ void fill_guard(uint8_t* p, size_t len, guard_pattern_t pattern) {
     p += n;
     len -= n;
   }
-  // From an anchor on, eight bytes at a time hold the pattern twice.
   const uint64_t twice = static_cast<uint64_t>(pattern) << 32 | pattern;
   const uint64_t chunk[4] = {twice, twice, twice, twice};
   for (; len >= 32; p += 32, len -= 32) __builtin_memcpy(p, chunk, 32);
@@ -101,8 +104,9 @@ void fill_guard(uint8_t* p, size_t len, guard_pattern_t pattern) {
   for (size_t i = 0; i < len; ++i) p[i] = pattern_byte(pattern, i);
 }
 
-bool guard_intact(const uint8_t* p, size_t len, guard_pattern_t pattern) {
-  const size_t anchor = static_cast<size_t>(QM_HEAP_guard_pattern_alignment);
+// Reads the same bytes the same way; the first difference ends it.
+bool intact_anchored(const void* from, size_t len, uint32_t pattern, size_t anchor) {
+  const uint8_t* p = static_cast<const uint8_t*>(from);
   size_t k = anchor > 1 ? reinterpret_cast<uintptr_t>(p) % anchor : 0;
   if (k != 0) {
     size_t n = anchor - k < len ? anchor - k : len;
@@ -112,12 +116,10 @@ bool guard_intact(const uint8_t* p, size_t len, guard_pattern_t pattern) {
     len -= n;
   }
   const uint64_t twice = static_cast<uint64_t>(pattern) << 32 | pattern;
-  uint64_t differ = 0;  // no early exit inside a run: the loop stays branch-free
   for (; len >= 32; p += 32, len -= 32) {
     uint64_t w[4];
     __builtin_memcpy(w, p, 32);
-    differ |= (w[0] ^ twice) | (w[1] ^ twice) | (w[2] ^ twice) | (w[3] ^ twice);
-    if (differ != 0) return false;
+    if (((w[0] ^ twice) | (w[1] ^ twice) | (w[2] ^ twice) | (w[3] ^ twice)) != 0) return false;
   }
   for (; len >= 8; p += 8, len -= 8) {
     uint64_t w;
@@ -135,6 +137,12 @@ bool guard_intact(const uint8_t* p, size_t len, guard_pattern_t pattern) {
     if (p[i] != pattern_byte(pattern, i)) return false;
   return true;
 }
+
+}  // namespace qm
+
+namespace {
+
+inline size_t guard_anchor() { return static_cast<size_t>(QM_HEAP_guard_pattern_alignment); }
 
 bool same(const guard_settings_t& a, const guard_settings_t& b) {
   return a.pre_size == b.pre_size && a.pre_pattern == b.pre_pattern && a.post_size == b.post_size &&
@@ -242,8 +250,8 @@ int QM_HEAP_guard_fill_guards(const guard_fill_mode_t fill_mode, const void* pay
                               const guard_settings_t* settings) {
   if (settings == nullptr || payload_addr == nullptr) return -1;
   uint8_t* payload = static_cast<uint8_t*>(const_cast<void*>(payload_addr));
-  if (fill_mode & gfm_pre) fill_guard(payload - settings->pre_size, settings->pre_size, settings->pre_pattern);
-  if (fill_mode & gfm_post) fill_guard(payload + payload_len, settings->post_size, settings->post_pattern);
+  if (fill_mode & gfm_pre) qm::fill_anchored(payload - settings->pre_size, settings->pre_size, settings->pre_pattern, guard_anchor());
+  if (fill_mode & gfm_post) qm::fill_anchored(payload + payload_len, settings->post_size, settings->post_pattern, guard_anchor());
   return 0;
 }
 
@@ -252,8 +260,10 @@ guard_status_e QM_HEAP_guard_check_guards(const void* payload_addr, const size_t
   if (settings == nullptr || payload_addr == nullptr) return guards_ok;
   const uint8_t* payload = static_cast<const uint8_t*>(payload_addr);
   int status = 0;
-  if (!guard_intact(payload - settings->pre_size, settings->pre_size, settings->pre_pattern)) status |= guards_pre_bad;
-  if (!guard_intact(payload + payload_len, settings->post_size, settings->post_pattern)) status |= guards_post_bad;
+  if (!qm::intact_anchored(payload - settings->pre_size, settings->pre_size, settings->pre_pattern, guard_anchor()))
+    status |= guards_pre_bad;
+  if (!qm::intact_anchored(payload + payload_len, settings->post_size, settings->post_pattern, guard_anchor()))
+    status |= guards_post_bad;
   return static_cast<guard_status_e>(status);
 }
 
@@ -352,33 +362,9 @@ int QM_HEAP_guard_get_check_on_exit() { return QM_HEAP_guard_check_on_exit; }
 int QM_HEAP_guard_set_check_on_exit(int v) { return qm::swap_setting(QM_HEAP_guard_check_on_exit, v != 0); }
 
 // The pattern anchored to 4-byte boundaries: the byte at address a holds
-// pattern byte a mod 4, wherever the block starts. Whole words in between,
-// eight bytes at a time.
+// pattern byte a mod 4, wherever the block starts.
 void QM_HEAP_paint_block(void* addr, int pattern, size_t len) {
-  uint8_t* p = static_cast<uint8_t*>(addr);
-  const uint32_t w = static_cast<uint32_t>(pattern);
-  size_t k = reinterpret_cast<uintptr_t>(p) & 3;
-  if (k != 0) {
-    size_t n = 4 - k < len ? 4 - k : len;
-    for (size_t i = 0; i < n; ++i) p[i] = pattern_byte(w, k + i);
-    p += n;
-    len -= n;
-  }
-  if (len >= 4 && (reinterpret_cast<uintptr_t>(p) & 4) != 0) {
-    __builtin_memcpy(p, &w, 4);
-    p += 4;
-    len -= 4;
-  }
-  const uint64_t ww = static_cast<uint64_t>(w) << 32 | w;
-  const uint64_t chunk[4] = {ww, ww, ww, ww};  // 32 bytes a store run: vector stores
-  for (; len >= 32; p += 32, len -= 32) __builtin_memcpy(p, chunk, 32);
-  for (; len >= 8; p += 8, len -= 8) __builtin_memcpy(p, &ww, 8);
-  if (len >= 4) {
-    __builtin_memcpy(p, &w, 4);
-    p += 4;
-    len -= 4;
-  }
-  for (size_t i = 0; i < len; ++i) p[i] = pattern_byte(w, i);
+  qm::fill_anchored(addr, len, static_cast<uint32_t>(pattern), 4);
 }
 
 }  // extern "C"

@@ -49,6 +49,11 @@ void QM_HEAP_paint_block(void* addr, int pattern, size_t len);
 
 namespace qm {
 
+// The 4-byte pattern laid out so that its byte 0 falls on multiples of
+// anchor (1: from the first byte), and the check that bytes still hold it.
+void fill_anchored(void* to, size_t len, uint32_t pattern, size_t anchor);
+bool intact_anchored(const void* from, size_t len, uint32_t pattern, size_t anchor);
+
 // The geometry of a guard id, as QM_HEAP_gt_lookup_id gives it, through a
 // per-thread copy of the last one asked for (a geometry never changes once
 // stored, and almost every block has the same one). False for an unknown id.

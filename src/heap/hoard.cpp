@@ -94,26 +94,6 @@ int grow_hoard_table(int wanted) {
   return 0;
 }
 
-// The block holds the pattern as painting left it: the byte at address a is
-// pattern byte a mod 4. Eight bytes at a time from an 8-byte boundary.
-bool still_painted(const void* addr, size_t len, uint32_t pattern) {
-  const uint8_t* p = static_cast<const uint8_t*>(addr);
-  auto byte_ok = [&](const uint8_t* q) {
-    return *q == static_cast<uint8_t>(pattern >> (8 * (reinterpret_cast<uintptr_t>(q) & 3)));
-  };
-  for (; len > 0 && (reinterpret_cast<uintptr_t>(p) & 7) != 0; ++p, --len)
-    if (!byte_ok(p)) return false;
-  const uint64_t twice = static_cast<uint64_t>(pattern) << 32 | pattern;
-  for (; len >= 8; p += 8, len -= 8) {
-    uint64_t w;
-    __builtin_memcpy(&w, p, 8);
-    if (w != twice) return false;
-  }
-  for (; len > 0; ++p, --len)
-    if (!byte_ok(p)) return false;
-  return true;
-}
-
 // Hands one entry's block back to its allocator. The deallocation record
 // stays: the block is still known as released.
 int remove_block(int pos) {
@@ -133,7 +113,7 @@ int remove_block(int pos) {
     // was written through a pointer the program kept to it.
     uint64_t mark = paint_marks[pos];
     if ((mark & kPainted) != 0 && rec.addr == b.addr && rec.len >= b.len &&
-        !still_painted(b.addr, b.len, static_cast<uint32_t>(mark))) {
+        !qm::intact_anchored(b.addr, b.len, static_cast<uint32_t>(mark), 4)) {
       if (auto* e = new_event(qm_heap_event_guard_corruption, qm_heap_op_private_hoard_remove)) {
         e->allocation_record = rec;
         e->allocation_record.flags = rec.flags & ~af_hoarded;

@@ -6,6 +6,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "qmheap/events.h"
 #include "qmheap/records.h"
 
 #ifdef __cplusplus
@@ -90,6 +91,34 @@ typedef struct QM_HEAP_hoard_t {
   int back;  /* newest */
   int free;
 } QM_HEAP_hoard_t;
+
+/* The red-zone allocator's table: one node per block it made, ordered by
+ * payload address (mappings never overlap, so the same order answers "which
+ * mapping holds this address"). Nodes come from the agent's pages and are
+ * reused, never returned. The record type is in events.h. */
+typedef struct rz_avl_node_t {
+  rz_record_t rz_record;
+  int balance; /* avl_balance_t */
+  struct rz_avl_node_t* left;
+  struct rz_avl_node_t* right;
+} rz_avl_node_t;
+
+typedef struct rz_stats_t {
+  size_t payload; /* payload bytes */
+  size_t fence;   /* fence bytes: the fence size once per fence present */
+  size_t alloc;   /* mapped bytes */
+  int num;        /* blocks */
+} rz_stats_t;
+
+typedef struct rz_table_t {
+  rz_avl_node_t* root;
+  rz_avl_node_t* free; /* released nodes, chained through left */
+  rz_avl_node_t* fresh;
+  rz_avl_node_t* fresh_bound;
+  pthread_mutex_t* mutex;
+  rz_stats_t alloc_stats;   /* live blocks */
+  rz_stats_t dealloc_stats; /* released blocks kept to catch use after free */
+} rz_table_t;
 
 #ifdef __cplusplus
 }

@@ -28,6 +28,7 @@
 #include "heap/guards.h"
 #include "heap/heap_tables.h"
 #include "heap/hoard.h"
+#include "redzone/rz_allocator.h"
 #include "threads/thread_utils.h"
 
 extern "C" {
@@ -119,6 +120,18 @@ struct OpBacktrace {
 };
 
 bool is_power_of_two(size_t v) { return v != 0 && (v & (v - 1)) == 0; }
+
+// The allocator in charge of a new block of len bytes: the red-zone
+// allocator when red zones apply to the length, else the owner's.
+allocator_t* choose_allocator(owner_t* owner, size_t len) {
+  return QM_UNLIKELY(qm::use_rz_allocator(len)) ? QM_HEAP_rz_allocator_get_instance() : qm::owner_allocator(owner);
+}
+
+// The alignment to expect of a block: a forced red-zone alignment replaces
+// the request's.
+size_t expected_alignment_of(allocator_t* al, size_t requested) {
+  return al->id == am_id_rz_allocator ? qm::rz_effective_alignment(requested) : requested;
+}
 
 // Around the real allocator the caller's own cancellation state applies.
 struct CancelWindow {
@@ -256,6 +269,19 @@ void* autoshrink_and_retry(op_body_arg_t* a, QM_HEAP_heap_op_e op, Retry retry) 
 }
 
 inline bool autoshrink_active() { return QM_HEAP_hoard_autoshrink_enabled && QM_HEAP_hoard_supported; }
+
+// A resize that changes the allocator in charge (red zones now apply to the
+// new length, or no longer do): a block from the new allocator, the old
+// contents copied, the old block given back. Null, with the old block
+// untouched, when the new allocator fails.
+void* move_across(allocator_t* from, allocator_t* to, owner_t* owner, void* base, size_t old_alloc_len,
+                  size_t alloc_len) {
+  void* r = to->funcs->malloc(to, owner, alloc_len);
+  if (r == nullptr) return nullptr;
+  __builtin_memcpy(r, base, old_alloc_len < alloc_len ? old_alloc_len : alloc_len);
+  from->funcs->free(from, owner, base);
+  return r;
+}
 
 // --- the deallocation table -------------------------------------------------
 
@@ -579,7 +605,7 @@ void* allocation_body(op_body_arg_t* a, QM_HEAP_heap_op_e op, size_t len, size_t
                       bool bad_argument, size_t unit = 1, painting_op_e ptop = ptop_isnt_zeroed_alloc,
                       bool guardable = true) {
   owner_t* owner = a->owner;
-  allocator_t* al = qm::owner_allocator(owner);
+  allocator_t* al = choose_allocator(owner, len);
   if (QM_UNLIKELY(QM_HEAP_guard_check_on_entry)) check_all_guards(op);
   guard_settings_t gs = {};
   size_t alloc_len = len;
@@ -595,7 +621,8 @@ void* allocation_body(op_body_arg_t* a, QM_HEAP_heap_op_e op, size_t len, size_t
   if (QM_UNLIKELY(base == nullptr) && len != 0 && autoshrink_active())
     base = autoshrink_and_retry(a, op, [&] { return call(al, owner, x, y, alloc_len); });
   void* p = base != nullptr ? static_cast<char*>(base) + gs.pre_size : nullptr;
-  NewBlock b = {op, p, len, alloc_len, bad_argument ? 0 : alignment, owner, al, QM_HEAP_op_backtrace_id, nullptr};
+  NewBlock b = {op, p, len, alloc_len, bad_argument ? 0 : expected_alignment_of(al, alignment), owner, al,
+                QM_HEAP_op_backtrace_id, nullptr};
   if (p != nullptr && gs.pre_size + gs.post_size != 0) {
     QM_HEAP_gt_insert_settings(&gs, &b.guard_id);
     b.pre_size = gs.pre_size;
@@ -787,7 +814,7 @@ void* memalign_body(op_body_arg_t* a, size_t alignment, size_t len) {
 int posix_memalign_body(op_body_arg_t* a, void** memptr, size_t alignment, size_t len) {
   OpBacktrace bt;
   owner_t* owner = a->owner;
-  allocator_t* al = qm::owner_allocator(owner);
+  allocator_t* al = choose_allocator(owner, len);
   if (QM_UNLIKELY(QM_HEAP_guard_check_on_entry)) check_all_guards(qm_heap_op_posix_memalign);
   bool bad = !is_power_of_two(alignment) || alignment % sizeof(void*) != 0;
   if (bad) raise_bad_alignment(qm_heap_op_posix_memalign, alignment);
@@ -815,7 +842,8 @@ int posix_memalign_body(op_body_arg_t* a, void** memptr, size_t alignment, size_
   bool errors = bad;
   void* p = r == 0 ? static_cast<char*>(base) + gs.pre_size : nullptr;
   if (r == 0 || r == ENOMEM) {
-    NewBlock b = {qm_heap_op_posix_memalign, p, len, alloc_len, alignment, owner, al, QM_HEAP_op_backtrace_id, nullptr};
+    NewBlock b = {qm_heap_op_posix_memalign, p, len, alloc_len, expected_alignment_of(al, alignment), owner, al,
+                  QM_HEAP_op_backtrace_id, nullptr};
     if (p != nullptr && gs.pre_size + gs.post_size != 0) {
       QM_HEAP_gt_insert_settings(&gs, &b.guard_id);
       b.pre_size = gs.pre_size;
@@ -860,7 +888,10 @@ void free_body(op_body_arg_t* a, void* p) {
     bool errors = check_unknown_address(qm_heap_op_free, p, 0, claim_event, rec);
     // A hoarded block is the hoard's to give back: a second release of it is
     // reported and goes no further.
-    if (!(errors && claim_event == qm_heap_event_alloc_not_in_heap && is_hoarded_range(p))) {
+    // Nor is a red-zone block's address (or one inside it) the C
+    // allocator's to see.
+    if (!(errors && claim_event == qm_heap_event_alloc_not_in_heap && is_hoarded_range(p)) &&
+        !qm::rz_owns_address(p)) {
       allocator_t* al = qm::owner_allocator(owner);
       CancelWindow w(a);
       al->funcs->free(al, owner, p);
@@ -923,9 +954,12 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
     allocation_record_t d = {};
     const bool from_hoard = errors && claim_event == qm_heap_event_alloc_not_in_heap && is_hoarded_range(old_addr) &&
                             QM_HEAP_lookup_deallocation_record(old_addr, &d, exact) != nullptr;
+    // An address in a red-zone mapping gets a new block, and what it held
+    // stays where it was (it may be inaccessible).
+    const bool rz_owned = !from_hoard && qm::rz_owns_address(old_addr);
     {
       CancelWindow w(a);
-      r = al->funcs->realloc(al, owner, from_hoard ? nullptr : old_addr, len);
+      r = al->funcs->realloc(al, owner, from_hoard || rz_owned ? nullptr : old_addr, len);
     }
     if (r != nullptr && from_hoard) __builtin_memcpy(r, old_addr, d.len < len ? d.len : len);
     if (r != nullptr) {
@@ -987,7 +1021,10 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
   // to another thread at once), and so the caller's cancellation state is not
   // restored around it: a cancellation must never find an agent lock held.
   if (!held) QM_HEAP_ht_alloc_write_lock();
-  void* r_base = al->funcs->realloc(al, owner, base, alloc_len);
+  allocator_t* r_al = choose_allocator(owner, len);
+  if (r_al == qm::owner_allocator(owner) && al->id != am_id_rz_allocator) r_al = al;
+  void* r_base = r_al == al ? al->funcs->realloc(al, owner, base, alloc_len)
+                            : move_across(al, r_al, owner, base, with_guards(gs, rec.len), alloc_len);
   r = r_base != nullptr ? static_cast<char*>(r_base) + gs.pre_size : nullptr;
   if (r != nullptr) {
     if (copy != nullptr) __builtin_memcpy(r, copy, kept);
@@ -1034,8 +1071,8 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
     }
   }
   if (r != nullptr && r != rec.addr) {
-    NewBlock b = {qm_heap_op_realloc, r, len, alloc_len, QM_HEAP_alignment_default, owner, al, QM_HEAP_op_backtrace_id,
-                  &rec};
+    NewBlock b = {qm_heap_op_realloc, r, len, alloc_len, expected_alignment_of(r_al, QM_HEAP_alignment_default), owner,
+                  r_al, QM_HEAP_op_backtrace_id, &rec};
     b.guard_id = rec.guard_id;
     b.pre_size = gs.pre_size;
     b.post_size = gs.post_size;

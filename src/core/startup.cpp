@@ -9,6 +9,7 @@
 #include "core/owners.h"
 #include "events/events.h"
 #include "events/output.h"
+#include "redzone/rz_allocator.h"
 #include "heap/guards.h"
 #include "heap/heap_tables.h"
 #include "threads/reentrancy.h"
@@ -106,9 +107,11 @@ void heap_ia_atfork_prepare() {
   QM_HEAP_c_owner_atfork_prepare();
   QM_HEAP_gt_atfork_prepare();
   QM_HEAP_generation_atfork_prepare();
+  QM_HEAP_rz_atfork_prepare();
 }
 
 void heap_ia_atfork_parent() {
+  QM_HEAP_rz_atfork_parent();
   QM_HEAP_generation_atfork_parent();
   QM_HEAP_gt_atfork_parent();
   QM_HEAP_c_owner_atfork_parent();
@@ -120,6 +123,7 @@ void heap_ia_atfork_parent() {
 }
 
 void heap_ia_atfork_child() {
+  QM_HEAP_rz_atfork_child();
   QM_HEAP_generation_atfork_child();
   QM_HEAP_gt_atfork_child();
   QM_HEAP_c_owner_atfork_child();

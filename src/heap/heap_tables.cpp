@@ -473,6 +473,7 @@ int QM_HEAP_iterate_over_deallocation_table(ht_iter_func_t f, void* arg) {
   return iterate(&QM_HEAP_deallocation_table, f, arg);
 }
 
+QM_pthread_mutex_t* QM_HEAP_ht_alloc_mutex() { return &alloc_mutex; }
 int QM_HEAP_ht_alloc_read_lock() { return qm::mutex_lock_spinning(&alloc_mutex); }
 int QM_HEAP_ht_alloc_read_unlock() { return qm::mutex_unlock(&alloc_mutex); }
 int QM_HEAP_ht_alloc_write_lock() { return qm::mutex_lock_spinning(&alloc_mutex); }

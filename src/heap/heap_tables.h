@@ -121,6 +121,8 @@ int QM_HEAP_clear_dealloc_flags_by_id(alloc_rec_id_t id, int flags);
 int QM_HEAP_check_deallocation_table();
 int QM_HEAP_iterate_over_deallocation_table(ht_iter_func_t f, void* arg);
 
+// The allocation-table lock itself, for code that must only ever try it.
+QM_pthread_mutex_t* QM_HEAP_ht_alloc_mutex();
 int QM_HEAP_ht_alloc_read_lock();
 int QM_HEAP_ht_alloc_read_unlock();
 int QM_HEAP_ht_alloc_write_lock();

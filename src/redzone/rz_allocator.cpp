@@ -185,13 +185,14 @@ void explain_mapping_failure(size_t len, const char* what) {
       for (long i = 0; i < n && buf[i] >= '0' && buf[i] <= '9'; ++i) limit = limit * 10 + (buf[i] - '0');
     }
   }
-  QM_HEAP_printf(
-      "QM_HEAP: red zones: %s failed for a block of %lu bytes (%s); the allocation returns NULL\n"
-      "QM_HEAP: red zones: each red-zone block takes its own mappings, and the kernel allows a process %ld "
-      "(vm.max_map_count)\n"
-      "QM_HEAP: red zones: put red zones on the sizes that matter (enable_rz_size_ranges, rz_size_range) or raise "
-      "vm.max_map_count\n",
-      what, static_cast<unsigned long>(len), strerrordesc_np(err) != nullptr ? strerrordesc_np(err) : "?", limit);
+  const char* why = strerrordesc_np(err);
+  QM_HEAP_printf("red zones: %s failed for a block of %lu bytes (%s); the allocation returns NULL\n", what,
+                 static_cast<unsigned long>(len), why != nullptr ? why : "?");
+  QM_HEAP_printf("red zones: each red-zone block takes mappings of its own, and the kernel allows a process %ld "
+                 "(vm.max_map_count)\n",
+                 limit);
+  QM_HEAP_printf("red zones: put red zones on the sizes that matter (enable_rz_size_ranges, rz_size_range) or "
+                 "raise vm.max_map_count\n");
 }
 
 bool disable_access(void* p, size_t len) {

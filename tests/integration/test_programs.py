@@ -165,5 +165,35 @@ class RealProgramsProtected(RealPrograms):
         assert_no_events(r.stderr)
 
 
+RED_ZONES = {"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": "verbosity=2 enable_red_zones=true rz_detect_use_after_free=false"}
+# For a program with more live blocks than the kernel gives a process
+# mappings (two a block): red zones on the blocks of 256 bytes and more.
+RED_ZONE_RANGE = {"QMHEAP_CONFIG_FILE": "",
+                  "QMHEAP_ARGS": "verbosity=2 enable_red_zones=true enable_rz_size_ranges=true "
+                                 "rz_size_range=0,256,0 rz_size_range_enable=0,true"}
+
+
+class RealProgramsRedZones(RealPrograms):
+    """The same programs with a red zone behind every block (where the
+    mapping limit allows): a fault the program does not make is never
+    reported, and the program's blocks work as without them."""
+
+    SETTINGS = RED_ZONES
+
+    def test_python_with_threads(self):
+        self.SETTINGS = RED_ZONE_RANGE
+        super().test_python_with_threads()
+
+    def test_perl(self):
+        self.SETTINGS = RED_ZONE_RANGE
+        super().test_perl()
+
+    def test_threads_exceptions_iostreams_and_fork(self):
+        r = run([target("cxx_threads")], env=RED_ZONES, timeout=600)
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
+        self.assertEqual(r.stdout, "cxx_threads: total 3988, child 0\n")
+        assert_no_events(r.stderr)
+
+
 if __name__ == "__main__":
     qmtest.main()

@@ -23,7 +23,8 @@ Knobs (environment, or the options of the same meaning):
   QMHEAP_BENCH_PEERS=list  peers to measure: heaptrack,valgrind (default
                            both where installed; "none" for neither)     --peers list
   QMHEAP_BENCH_VARIANTS=l  the agent with protections on, as columns:
-                           guards,protect (default both; "none")        --variants l
+                           guards,protect,redzones,rzrange (default all;
+                           "none")                                      --variants l
   QMHEAP_BENCH_MICRO=1     then run the Google Benchmark micro benchmarks --micro
 
 The table goes to standard output and, with the machine and tool versions,
@@ -57,7 +58,14 @@ VARIANTS = {
     "guards": ("enable_guard_blocks=true", "qmheap guards"),
     "protect": ("enable_guard_blocks=true paint_on_alloc=true paint_on_dealloc=true enable_hoarding=true",
                 "qmheap guards+paint+hoard"),
+    "redzones": ("enable_red_zones=true", "qmheap red zones, every block"),
+    "rzrange": ("enable_red_zones=true enable_rz_size_ranges=true rz_size_range=0,1024,0 rz_size_range_enable=0,true",
+                "qmheap red zones, blocks >= 1 KiB"),
 }
+
+# A red-zone variant whose workload has more live blocks than the kernel
+# gives a process mappings says so (and is not measured).
+MAPPING_LIMIT = "vm.max_map_count"
 
 # The agent's start-up and shut-down lines at verbosity 2; anything else it
 # prints is an event report.
@@ -354,6 +362,7 @@ class Bench:
         self.env = clean_env()
         self.failures = []
         self.checks = []
+        self.over_limit = set()
         self.timed_outputs = {}  # workload: timed pairs whose outputs were compared
 
     # -- the programs and libraries this run uses
@@ -477,6 +486,10 @@ class Bench:
         events = []
         for tool in ["agent"] + self.variants():
             verbose = self.run(w, tool, size, agent_args="verbosity=2")
+            if tool != "agent" and MAPPING_LIMIT in verbose.stderr:
+                self.over_limit.add((w.name, tool))
+                log("  check %-10s %s: over the mapping limit, not measured" % (w.name, tool))
+                continue
             events += [l for l in verbose.stderr.splitlines()
                        if l.startswith("QM_HEAP") and not l.startswith(FRAME)]
             same = same and verbose.output == expected
@@ -506,6 +519,9 @@ class Bench:
             cells[v] = Cell()
         for p in peers:
             cells[p] = Cell()
+        for v in self.variants():
+            if (w.name, v) in self.over_limit:
+                cells[v].note = "n/a (over the mapping limit)"
         if w.arch == "i386":
             for p in peers:
                 cells[p].note = "n/a (x86-64 only here)"
@@ -540,6 +556,9 @@ class Bench:
                     tsize = size
                 under_agent = tool == "agent" or tool in VARIANTS
                 r = self.run(w, tool, tsize, keep_output=under_agent)
+                if tool in VARIANTS and MAPPING_LIMIT in r.stderr:
+                    c.note = "n/a (over the mapping limit)"
+                    continue
                 if r.status != 0:
                     c.note = "failed (exit %d)" % r.status
                     self.fail(w, "%s run failed in round %d (exit %d)" % (tool, rnd, r.status))
@@ -769,7 +788,7 @@ def main():
     ap.add_argument("--quick", action="store_true", default=env("QMHEAP_BENCH_QUICK", "") not in ("", "0"))
     ap.add_argument("--only", default=env("QMHEAP_BENCH_ONLY", ""))
     ap.add_argument("--peers", default=env("QMHEAP_BENCH_PEERS") or "heaptrack,valgrind")
-    ap.add_argument("--variants", default=env("QMHEAP_BENCH_VARIANTS") or "guards,protect")
+    ap.add_argument("--variants", default=env("QMHEAP_BENCH_VARIANTS") or "guards,protect,redzones,rzrange")
     ap.add_argument("--micro", action="store_true", default=env("QMHEAP_BENCH_MICRO", "") not in ("", "0"))
     args = ap.parse_args()
     if args.pairs < 1:

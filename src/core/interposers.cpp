@@ -14,6 +14,7 @@
 #include "core/owners.h"
 #include "heap/guards.h"
 #include "heap/heap_tables.h"
+#include "redzone/rz_allocator.h"
 #include "threads/reentrancy.h"
 
 extern "C" {
@@ -244,13 +245,16 @@ QM_EXPORT size_t malloc_usable_size(void* p) noexcept {
   using usable_size_fn = size_t (*)(void*);
   static constinit usable_size_fn real = nullptr;
   if (p == nullptr) return 0;
-  // Until a guarded block has been made there is nothing to look up.
-  if (__atomic_load_n(&QM_HEAP_guard_table.num_entries, __ATOMIC_RELAXED) != 0) {
+  // Until a guarded or red-zone block has been made there is nothing to
+  // look up. A red-zone address is never the C library's to read.
+  const bool rz = qm::rz_owns_address(p);
+  if (rz || __atomic_load_n(&QM_HEAP_guard_table.num_entries, __ATOMIC_RELAXED) != 0) {
     allocation_record_t rec;
     QM_HEAP_ht_alloc_read_lock();
     alloc_rec_id_t id = QM_HEAP_lookup_allocation_record(p, &rec, exact);
     QM_HEAP_ht_alloc_read_unlock();
-    if (id != nullptr && rec.guard_id != 0) return rec.len;
+    if (id != nullptr && (rec.guard_id != 0 || rec.allocator_id == am_id_rz_allocator)) return rec.len;
+    if (rz) return 0;
   }
   usable_size_fn f = __atomic_load_n(&real, __ATOMIC_ACQUIRE);
   if (f == nullptr) {

@@ -8,7 +8,9 @@
  *   heapdemo leak       leaves blocks allocated at exit
  *   heapdemo overrun    writes one byte past the end of a word, then frees it
  *   heapdemo underrun   writes one byte before the start of a word, then frees it
- *   heapdemo afterfree  writes into a word after freeing it, then frees more */
+ *   heapdemo afterfree  writes into a word after freeing it, then frees more
+ *   heapdemo overread   reads one byte past the end of a word
+ *   heapdemo readfreed  reads a word after freeing it */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <malloc.h>
@@ -70,6 +72,15 @@ int main(int argc, char** argv) {
     free(stale);
     stale[0] = 'B'; /* the block sits in the hoard: the write is found when it leaves */
     for (int i = 0; i < 40; ++i) free(strdup("churn"));
+  } else if (strcmp(mode, "overread") == 0) {
+    volatile char past = list->text[strlen(list->text) + 1];
+    (void)past;
+  } else if (strcmp(mode, "readfreed") == 0) {
+    char* stale = list->text;
+    list->text = strdup("gone");
+    free(stale);
+    volatile char c = stale[0];
+    (void)c;
   }
 
   if (strcmp(mode, "leak") != 0) {

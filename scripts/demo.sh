@@ -37,5 +37,11 @@ under "enable_guard_blocks=true" "$demo" underrun
 say "a write into a freed block that the hoard holds back, found when it leaves (paint_on_dealloc=true enable_hoarding=true)"
 under "paint_on_dealloc=true enable_hoarding=true" "$demo" afterfree
 
+say "one byte read past the end of a block, caught at the read (enable_red_zones=true rz_alignment=1)"
+under "enable_red_zones=true rz_alignment=1" "$demo" overread
+
+say "a read of a freed block, caught at the read (enable_red_zones=true rz_detect_use_after_free=true)"
+under "enable_red_zones=true rz_detect_use_after_free=true" "$demo" readfreed
+
 say "blocks left allocated at exit (display_allocations_on_exit=true)"
 under "display_allocations_on_exit=true" "$demo" leak

@@ -165,6 +165,82 @@ struct Lock {
   }
 };
 
+// --- released mappings kept for reuse ---------------------------------------------
+//
+// A block released without use-after-free detection leaves its mapping,
+// fences and all, here rather than going back to the kernel, and a new block
+// with the same mapping length and fences takes the oldest such one: that
+// saves the three system calls and the first-touch page faults of a fresh
+// mapping, which are most of a red-zone block's cost (and, with several
+// threads, the contention on the kernel's mapping lock). Only small mappings
+// are kept, a few per length; the table lock guards them.
+
+constexpr int kCacheClasses = 8;  // mappings of 1 to 8 data pages
+constexpr int kCachePerClass = 64;
+
+struct CachedMapping {
+  uintptr_t addr;
+  size_t len, pre, post;
+};
+
+struct CacheClass {
+  CachedMapping slot[kCachePerClass];
+  int head;  // oldest
+  int n;
+};
+
+constinit CacheClass mapping_cache[kCacheClasses] = {};
+
+// The class of a mapping of map_len bytes with these fences; -1 for none.
+int cache_class(size_t map_len, size_t pre, size_t post) {
+  const size_t page = QM_getpagesize();
+  if ((pre != 0 && pre != page) || (post != 0 && post != page)) return -1;
+  const size_t data = (map_len - pre - post) / page;
+  return data >= 1 && data <= kCacheClasses ? static_cast<int>(data - 1) : -1;
+}
+
+// A kept mapping of the placement's shape, or 0. Called with the lock held.
+uintptr_t cache_take(const qm::RzPlacement& pl) {
+  if (pl.map_slack != 0) return 0;
+  const int c = cache_class(pl.map_len, pl.pre_fence, pl.post_fence);
+  if (c < 0) return 0;
+  CacheClass& k = mapping_cache[c];
+  for (int i = 0; i < k.n; ++i) {
+    const int at = (k.head + i) % kCachePerClass;
+    if (k.slot[at].len != pl.map_len || k.slot[at].pre != pl.pre_fence || k.slot[at].post != pl.post_fence)
+      continue;
+    const uintptr_t a = k.slot[at].addr;
+    // The oldest entries before this one move up by one.
+    for (int j = i; j > 0; --j)
+      k.slot[(k.head + j) % kCachePerClass] = k.slot[(k.head + j - 1) % kCachePerClass];
+    k.head = (k.head + 1) % kCachePerClass;
+    --k.n;
+    return a;
+  }
+  return 0;
+}
+
+// Keeps a released mapping; returns the mapping to unmap once the lock is
+// released: the block's own when it is not kept, the oldest kept one when
+// this one pushes it out, or none (addr 0).
+CachedMapping cache_put(const rz_record_t& r) {
+  const size_t pre = (r.flags & rzf_has_pre_fence) ? r.fence_size : 0;
+  const size_t post = (r.flags & rzf_has_post_fence) ? r.fence_size : 0;
+  const CachedMapping m = {U(r.alloc_addr), r.alloc_len, pre, post};
+  const int c = cache_class(r.alloc_len, pre, post);
+  if (c < 0) return m;
+  CacheClass& k = mapping_cache[c];
+  CachedMapping evicted = {};
+  if (k.n == kCachePerClass) {
+    evicted = k.slot[k.head];
+    k.head = (k.head + 1) % kCachePerClass;
+    --k.n;
+  }
+  k.slot[(k.head + k.n) % kCachePerClass] = m;
+  ++k.n;
+  return evicted;
+}
+
 // --- mappings --------------------------------------------------------------------
 
 // The first time a mapping cannot be had, say why that usually is: each
@@ -203,6 +279,18 @@ bool disable_access(void* p, size_t len) {
   return r == 0;
 }
 
+void describe(const qm::RzPlacement& pl, uintptr_t start, size_t length, rz_record_t* out) {
+  *out = rz_record_t{};
+  out->payload = P(start + pl.payload_offset);
+  out->alloc_addr = P(start);
+  out->payload_len = length;
+  out->alloc_len = pl.map_len;
+  out->fence_size = pl.pre_fence != 0 ? pl.pre_fence : pl.post_fence;
+  out->flags = pl.flags;
+  out->alignment = static_cast<int>(pl.alignment);
+  out->state = rzs_allocated;
+}
+
 // Maps and fences one block; false when the system refused.
 bool map_block(const qm::RzPlacement& pl, size_t length, rz_record_t* out) {
   const size_t total = pl.map_len + pl.map_slack;
@@ -228,15 +316,7 @@ bool map_block(const qm::RzPlacement& pl, size_t length, rz_record_t* out) {
     QM_munmap(P(start), pl.map_len);
     return false;
   }
-  *out = rz_record_t{};
-  out->payload = P(start + pl.payload_offset);
-  out->alloc_addr = P(start);
-  out->payload_len = length;
-  out->alloc_len = pl.map_len;
-  out->fence_size = pl.pre_fence != 0 ? pl.pre_fence : pl.post_fence;
-  out->flags = pl.flags;
-  out->alignment = static_cast<int>(pl.alignment);
-  out->state = rzs_allocated;
+  describe(pl, start, length, out);
   return true;
 }
 
@@ -260,16 +340,32 @@ int do_allocation(const rz_allocate_arg_t& arg, const rz_settings_t& s, void** r
   for (; made < arg.n; ++made) {
     qm::RzPlacement pl;
     rz_record_t rec;
-    if (!qm::rz_place(arg.length, arg.alignment, s, page, &pl) || !map_block(pl, arg.length, &rec)) break;
+    if (!qm::rz_place(arg.length, arg.alignment, s, page, &pl)) break;
+    uintptr_t kept = 0;
+    bool inserted = false;
     {
       Lock l(arg.need_to_lock != 0);
-      if (!insert(rec)) {
-        QM_HEAP_printf("%s.%d: error inserting rz allocation record\n", kFile, __LINE__);
-        QM_munmap(rec.alloc_addr, rec.alloc_len);
-        break;
+      kept = cache_take(pl);
+      if (kept != 0) {
+        describe(pl, kept, arg.length, &rec);
+        inserted = insert(rec);
+        if (inserted) add_stats(T.alloc_stats, rec, 1);
       }
-      add_stats(T.alloc_stats, rec, 1);
     }
+    if (kept == 0 && !map_block(pl, arg.length, &rec)) break;
+    if (kept == 0) {
+      Lock l(arg.need_to_lock != 0);
+      inserted = insert(rec);
+      if (inserted) add_stats(T.alloc_stats, rec, 1);
+    }
+    if (!inserted) {
+      QM_HEAP_printf("%s.%d: error inserting rz allocation record\n", kFile, __LINE__);
+      QM_munmap(rec.alloc_addr, rec.alloc_len);
+      break;
+    }
+    // A kept mapping holds what its last block held: a zeroed request gets
+    // its zeros here (a fresh mapping is zero already).
+    if (kept != 0 && arg.zalloc) __builtin_memset(rec.payload, 0, arg.length);
     __atomic_store_n(&ever_used, 1, __ATOMIC_RELAXED);
     results[made] = rec.payload;
   }
@@ -286,7 +382,7 @@ void* allocate_one(QM_HEAP_heap_op_e op, size_t alignment, size_t length, int za
 // Releases one block; the lock is taken here when need_to_lock.
 void do_deallocation(void* p, bool need_to_lock) {
   rz_record_t r;
-  bool unmap = false;
+  CachedMapping unmap = {};
   {
     Lock l(need_to_lock);
     rz_avl_node_t* n = lookup(p, rz_lookup_exact);
@@ -301,10 +397,10 @@ void do_deallocation(void* p, bool need_to_lock) {
       add_stats(T.dealloc_stats, n->rz_record, 1);
     } else {
       remove(n);
-      unmap = true;
+      unmap = cache_put(r);
     }
   }
-  if (unmap && QM_munmap(r.alloc_addr, r.alloc_len) != 0)
+  if (unmap.addr != 0 && QM_munmap(P(unmap.addr), unmap.len) != 0)
     QM_assert(0, "%s.%d: error munmapping block to be deallocated\n", kFile, __LINE__);
 }
 

@@ -15,6 +15,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <vector>
+
 namespace {
 
 const size_t kPage = static_cast<size_t>(sysconf(_SC_PAGESIZE));
@@ -195,6 +197,43 @@ TEST_F(RedZoneControls, ResizesMoveWithinTheMappingOrToANewOne) {
   EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % kPage, 0u);
   EXPECT_EQ(rz->funcs->realloc(rz, owner, p, 200), p);
   rz->funcs->free(rz, owner, p);
+}
+
+TEST_F(RedZoneControls, ReleasedMappingsServeBlocksOfTheSameShapeZeroedForCalloc) {
+  char* p = static_cast<char*>(rz->funcs->malloc(rz, owner, 100));
+  memset(p, 7, 100);
+  rz->funcs->free(rz, owner, p);
+  // Kept oldest first: within as many blocks as are kept, p's mapping
+  // comes back, and to a zeroed request it comes zeroed.
+  std::vector<void*> got;
+  char* q = nullptr;
+  for (int i = 0; i < 200 && q == nullptr; ++i) {
+    char* c = static_cast<char*>(rz->funcs->calloc(rz, owner, 1, 100));
+    got.push_back(c);
+    if (c == p) q = c;
+  }
+  ASSERT_EQ(q, p);
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(q[i], 0);
+  // Another shape (three data pages) never gets it, nor another mode's.
+  char* big = static_cast<char*>(rz->funcs->malloc(rz, owner, 3 * kPage));
+  rz->funcs->free(rz, owner, big);
+  QM_HEAP_rz_alloc_mode = rzam_underrun;
+  for (int i = 0; i < 200; ++i) {
+    char* c = static_cast<char*>(rz->funcs->malloc(rz, owner, 3 * kPage));
+    ASSERT_NE(c, big);
+    got.push_back(c);
+  }
+  // With use-after-free detection a released block is never reused.
+  QM_HEAP_rz_want_use_after_free = 1;
+  char* kept = static_cast<char*>(rz->funcs->malloc(rz, owner, 100));
+  rz->funcs->free(rz, owner, kept);
+  for (int i = 0; i < 200; ++i) {
+    char* c = static_cast<char*>(rz->funcs->malloc(rz, owner, 100));
+    ASSERT_NE(c, kept);
+    got.push_back(c);
+  }
+  QM_HEAP_rz_want_use_after_free = 0;
+  for (void* g : got) rz->funcs->free(rz, owner, g);
 }
 
 TEST_F(RedZoneControls, SizeRangesDecideWhichRequestsGetRedZones) {

@@ -375,8 +375,8 @@ int do_allocation(const rz_allocate_arg_t& arg, const rz_settings_t& s, void** r
 void* allocate_one(QM_HEAP_heap_op_e op, size_t alignment, size_t length, int zalloc, bool need_to_lock) {
   rz_allocate_arg_t arg = {&T, op, 1, zalloc, alignment, length, need_to_lock};
   void* p = nullptr;
-  do_allocation(arg, qm::rz_current_settings(), &p);
-  return p;  // a fresh mapping is zero already
+  if (do_allocation(arg, qm::rz_current_settings(), &p) != 1) errno = ENOMEM;  // as from the C library
+  return p;
 }
 
 // Releases one block; the lock is taken here when need_to_lock.
@@ -426,11 +426,17 @@ void* do_reallocation(QM_HEAP_heap_op_e op, void* p, size_t len) {
     rz_settings_t s = settings_from_record(old);
     s.alignment = alignment;
     qm::RzPlacement pl;
-    if (!qm::rz_place(len, alignment, s, QM_getpagesize(), &pl)) return nullptr;
+    if (!qm::rz_place(len, alignment, s, QM_getpagesize(), &pl)) {
+      errno = ENOMEM;
+      return nullptr;
+    }
     const size_t keep = old.payload_len < len ? old.payload_len : len;
     if (pl.map_len > old.alloc_len) {
       rz_allocate_arg_t arg = {&T, op, 1, 0, alignment, len, 0};
-      if (do_allocation(arg, s, &result) != 1) return nullptr;
+      if (do_allocation(arg, s, &result) != 1) {
+        errno = ENOMEM;
+        return nullptr;
+      }
       __builtin_memcpy(result, old.payload, keep);
       release_old = true;
     } else {
@@ -453,9 +459,11 @@ void* do_reallocation(QM_HEAP_heap_op_e op, void* p, size_t len) {
 
 void* rz_calloc(allocator_t*, owner_t*, size_t nmemb, size_t size) {
   size_t len;
-  void* p = __builtin_mul_overflow(nmemb, size, &len)
-                ? nullptr
-                : allocate_one(qm_heap_op_calloc, QM_HEAP_alignment_default, len, 1, true);
+  void* p = nullptr;
+  if (__builtin_mul_overflow(nmemb, size, &len))
+    errno = ENOMEM;
+  else
+    p = allocate_one(qm_heap_op_calloc, QM_HEAP_alignment_default, len, 1, true);
   if (tracing())
     QM_HEAP_printf("rz_calloc ( %ld, %ld ) returning %p\n", static_cast<long>(nmemb), static_cast<long>(size), p);
   return p;
@@ -480,6 +488,8 @@ void* rz_memalign(allocator_t*, owner_t*, size_t alignment, size_t len) {
 }
 
 int rz_posix_memalign(allocator_t*, owner_t*, void** out, size_t alignment, size_t len) {
+  // The C library's contract: a power of two and a multiple of a pointer.
+  if (alignment == 0 || (alignment & (alignment - 1)) != 0 || alignment % sizeof(void*) != 0) return EINVAL;
   void* p = allocate_one(qm_heap_op_posix_memalign, alignment, len, 0, true);
   if (tracing())
     QM_HEAP_printf("rz_posix_memalign ( %p, %ld, %ld ) returning %p\n", out, static_cast<long>(alignment),
@@ -564,6 +574,13 @@ size_t rz_payload_offset(size_t map_len, size_t aligned_len, size_t pre_fence, s
 }
 
 bool rz_place(size_t length, size_t alignment, const rz_settings_t& s, size_t page, RzPlacement* out) {
+  // A requested alignment that is not a power of two gets the next one, as
+  // from the C library; a forced one is taken as it is.
+  if (alignment != 0 && (alignment & (alignment - 1)) != 0) {
+    size_t p2 = 1;
+    while (p2 < alignment && p2 != 0) p2 <<= 1;
+    alignment = p2 != 0 ? p2 : alignment;
+  }
   size_t a = s.alignment != 0 ? s.alignment : (alignment > QM_HEAP_alignment_default ? alignment : QM_HEAP_alignment_default);
   if (a == 0) a = 1;
   bool overflow = false;

@@ -1,6 +1,7 @@
 #include "redzone/rz_controls.h"
 
 #include "base/assert.h"
+#include "core/bodies.h"
 #include "base/format.h"
 
 #pragma GCC diagnostic ignored "-Wformat"
@@ -60,6 +61,10 @@ int QM_HEAP_rz_set_alloc_mode(int mode) {
   return old;
 }
 int QM_HEAP_rz_get_alignment_setting() { return QM_HEAP_rz_alignment; }
+size_t QM_HEAP_rz_get_alignment() {
+  return QM_HEAP_rz_alignment != 0 ? static_cast<size_t>(static_cast<unsigned>(QM_HEAP_rz_alignment))
+                                   : QM_HEAP_alignment_default;
+}
 int QM_HEAP_rz_set_alignment(int v) { return set_if_supported(QM_HEAP_rz_alignment, v); }
 int QM_HEAP_rz_get_fence_size_setting() { return QM_HEAP_rz_fence_size; }
 size_t QM_HEAP_rz_get_fence_size() {

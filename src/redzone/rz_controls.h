@@ -53,6 +53,8 @@ int QM_HEAP_rz_set_enabled(int v);
 int QM_HEAP_rz_get_alloc_mode();
 int QM_HEAP_rz_set_alloc_mode(int mode);
 int QM_HEAP_rz_get_alignment_setting();
+// The raw setting, or the default alignment when it is 0.
+size_t QM_HEAP_rz_get_alignment();
 int QM_HEAP_rz_set_alignment(int v);
 int QM_HEAP_rz_get_fence_size_setting();
 size_t QM_HEAP_rz_get_fence_size();

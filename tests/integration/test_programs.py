@@ -188,6 +188,17 @@ class RealProgramsRedZones(RealPrograms):
         self.SETTINGS = RED_ZONE_RANGE
         super().test_perl()
 
+
+class TargetsRedZones(unittest.TestCase):
+    """Both architectures: every heap function's edge cases and a threaded
+    C++ program with a red zone behind every block."""
+
+    def test_every_heap_function_in_every_combination(self):
+        plain = run([target("allfuncs")], preload=False)
+        under = run([target("allfuncs")], env=dict(RED_ZONES, QM_EXPECT_AGENT="1"))
+        self.assertEqual((under.returncode, under.stdout), (0, plain.stdout), under.stderr)
+        self.assertEqual(qmtest.without_frame(under.stderr), allfuncs_reports())
+
     def test_threads_exceptions_iostreams_and_fork(self):
         r = run([target("cxx_threads")], env=RED_ZONES, timeout=600)
         self.assertEqual(r.returncode, 0, r.stdout + r.stderr)

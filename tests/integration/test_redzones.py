@@ -98,6 +98,11 @@ class Faults(unittest.TestCase):
             self.assertEqual((r.returncode, r.stdout), (0, "not caught\n"), mode + r.stderr)
             assert_no_events(r.stderr)
 
+    def test_a_fault_in_a_mapping_but_in_no_fence_is_unknown(self):
+        r = run([target("redzone"), "protected"], env=settings(""))
+        self.assertEqual((r.returncode, qmtest.without_frame(r.stderr)),
+                         (255, "QM_HEAP:  rz_signal    : unknown red zone error\n"))
+
     def test_the_exit_status_is_the_setting(self):
         r = run([target("redzone"), "overwrite", "malloc"], env=settings("rz_alignment=1 rz_exit_val=7"))
         self.assertEqual(r.returncode, 7, r.stderr)
@@ -188,7 +193,7 @@ class ProgramSignals(unittest.TestCase):
     """The program's SIGSEGV handling, with and without red zones, is what it
     is without the agent."""
 
-    MODES = ["retry", "recover", "old", "ignore", "default", "blocked", "resethand", "masks", "sysv"]
+    MODES = ["retry", "recover", "old", "ignore", "default", "blocked", "resethand", "masks", "sysv", "overflow"]
 
     def test_the_program_sees_what_it_sees_without_the_agent(self):
         for mode in self.MODES:

@@ -14,6 +14,8 @@
  *                 and resizes that move blocks between the two allocators
  *   threads       four threads allocate and free; one overruns a block
  *   unknown-segv  a fault outside every red zone, no handler of the program's
+ *   protected     the program makes a page inside its own block inaccessible
+ *                 and reads it: a fault in a red-zone mapping but in no fence
  *   mapcount      allocates 10-byte blocks until one fails, prints how many
  */
 #include <malloc.h>
@@ -199,6 +201,11 @@ int main(int argc, char** argv) {
   else if (strcmp(mode, "unknown-segv") == 0) {
     char* pg = (char*)mmap(NULL, page(), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     sink = pg[0];
+  } else if (strcmp(mode, "protected") == 0) {
+    char* p = (char*)malloc(3 * page());
+    char* mid = (char*)((addr_of(p) + page() + page() - 1) / page() * page());
+    mprotect(mid, page(), PROT_NONE);
+    sink = mid[1];
   } else if (strcmp(mode, "mapcount") == 0) {
     long n = 0;
     while (malloc(10) != NULL) ++n;

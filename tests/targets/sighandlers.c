@@ -15,11 +15,15 @@
  *   masks       what is blocked inside handlers with and without SA_NODEFER
  *               and with an sa_mask
  *   sysv        sysv_signal: reset on delivery, not blocked in the handler
+ *   overflow    a thread with a small stack recurses until it overflows; its
+ *               SA_ONSTACK handler runs on the alternate stack and leaves by
+ *               siglongjmp (a runtime growing or reporting a stack)
  *   redzone     the program's handler is installed, then a block is overrun:
  *               the agent reports it (with red zones on) and the program's
  *               handler sees only its own faults
  */
 #define _GNU_SOURCE
+#include <pthread.h>
 #include <setjmp.h>
 #include <signal.h>
 #include <stdio.h>
@@ -85,6 +89,23 @@ static void install(void (*h)(int), int flags, int mask_sig) {
 }
 
 static void fault(void) { sink = page[0]; }
+
+static int recurse(int n) {
+  volatile char frame[512];
+  frame[0] = (char)n;
+  return recurse(n + 1) + frame[0];
+}
+
+static void* overflow_thread(void* arg) {
+  (void)arg;
+  stack_t ss;
+  memset(&ss, 0, sizeof ss);
+  ss.ss_size = 64 * 1024;
+  ss.ss_sp = mmap(NULL, ss.ss_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  sigaltstack(&ss, NULL);
+  if (sigsetjmp(jb, 1) == 0) recurse(0);
+  return NULL;
+}
 
 int main(int argc, char** argv) {
   const char* mode = argc > 1 ? argv[1] : "";
@@ -161,6 +182,15 @@ int main(int argc, char** argv) {
     fault();
     printf("sysv: %d, SIGSEGV blocked in handler %d, now %s\n", (int)hits, seen_segv_blocked,
            name(signal(SIGSEGV, SIG_DFL)));
+  } else if (strcmp(mode, "overflow") == 0) {
+    install(jump_out, SA_ONSTACK, 0);
+    pthread_attr_t a;
+    pthread_attr_init(&a);
+    pthread_attr_setstacksize(&a, 256 * 1024);
+    pthread_t t;
+    pthread_create(&t, &a, overflow_thread, NULL);
+    pthread_join(t, NULL);
+    printf("overflow: caught %d\n", (int)hits);
   } else if (strcmp(mode, "redzone") == 0) {
     install(jump_out, 0, 0);
     if (sigsetjmp(jb, 1) == 0) fault();

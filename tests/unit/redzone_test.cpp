@@ -81,6 +81,13 @@ TEST(RedZonePlacement, FenceSizesAreWholePagesAndOverflowFails) {
   ASSERT_TRUE(qm::rz_place(10, 16, mode(true, true, true, 0, kPage + 1), kPage, &p));
   EXPECT_EQ(p.pre_fence, 2 * kPage);
   EXPECT_EQ(p.map_len, 5 * kPage);
+  // A requested alignment that is no power of two gets the next one; a
+  // forced one is used as it is.
+  ASSERT_TRUE(qm::rz_place(10, 48, mode(false, true, true), kPage, &p));
+  EXPECT_EQ(p.alignment, 64u);
+  ASSERT_TRUE(qm::rz_place(10, 48, mode(false, true, true, 3), kPage, &p));
+  EXPECT_EQ(p.alignment, 3u);
+  EXPECT_EQ(p.aligned_len, 12u);
   EXPECT_FALSE(qm::rz_place(SIZE_MAX - 10, 16, mode(false, true, true), kPage, &p));
   EXPECT_FALSE(qm::rz_place(SIZE_MAX - 2 * kPage, 1, mode(true, true, true), kPage, &p));
 }

@@ -15,4 +15,23 @@ const int* QM_HEAP_lwmdbg_get_pathname_specifier_max_length();
 int QM_HEAP_lwcore_get_pathname_specifier_default(char* buffer, int len, int* specifier_len);
 int QM_HEAP_lwcore_get_pathname_specifier(char* buffer, int len, int* specifier_len);
 int QM_HEAP_lwcore_set_pathname_specifier(const char* specifier);
+
+// The pathname template language: %b the executable's base name, %h the
+// host name, %p the process id, %q the next sequence number, %r the MPI
+// rank (the last three zero-filled to an optional width, * taking it from
+// the arguments); %% a percent sign. Returns the length written.
+typedef struct format_pathname_callbacks_t {
+  void* arg;
+  int (*get_next_sequence_number)(struct format_pathname_callbacks_t* cb);
+  int (*get_mpi_rank)(struct format_pathname_callbacks_t* cb);
+} format_pathname_callbacks_t;
+
+int QM_format_pathname(char* buffer, int buffer_len, format_pathname_callbacks_t* callbacks, const char* fmt, ...);
+int QM_getexebasename(char* buffer, int len);
+int QM_getexepathname(char* buffer, int buffer_len);
+int QM_getexepathnamelen();
+int QM_getmaxpathlen();
+int QM_get_tmp_filename(int priority, const char* filename, char* pathname, int* pathname_len);
+// The host name without the C library (its node name); 0 or -1.
+int QM_gethostname(char* buffer, int len);
 }

@@ -44,6 +44,7 @@ typedef enum memory_manager_tag_e {
   mmt_hia_dmz_owner_manager_nodes = 326,
   mnt_hia_dmz_batch_free_vector = 327,
   mmt_hia_rz_avl_nodes = 328,
+  mmt_hia_lwmdbg_buffer = 329,
   mmt_hia_end = 383
 } memory_manager_tag_e;
 

@@ -10,6 +10,7 @@
 #include "events/events.h"
 #include "events/output.h"
 #include "redzone/rz_allocator.h"
+#include "snapshot/snapshot.h"
 #include "heap/guards.h"
 #include "heap/heap_tables.h"
 #include "threads/reentrancy.h"
@@ -106,6 +107,7 @@ void heap_ia_atfork_prepare() {
   QM_HEAP_om_atfork_prepare();
   QM_HEAP_c_owner_atfork_prepare();
   QM_HEAP_gt_atfork_prepare();
+  QM_HEAP_lwmdbg_atfork_prepare();
   QM_HEAP_generation_atfork_prepare();
   QM_HEAP_rz_atfork_prepare();
 }
@@ -113,6 +115,7 @@ void heap_ia_atfork_prepare() {
 void heap_ia_atfork_parent() {
   QM_HEAP_rz_atfork_parent();
   QM_HEAP_generation_atfork_parent();
+  QM_HEAP_lwmdbg_atfork_parent();
   QM_HEAP_gt_atfork_parent();
   QM_HEAP_c_owner_atfork_parent();
   QM_HEAP_om_atfork_parent();
@@ -125,6 +128,7 @@ void heap_ia_atfork_parent() {
 void heap_ia_atfork_child() {
   QM_HEAP_rz_atfork_child();
   QM_HEAP_generation_atfork_child();
+  QM_HEAP_lwmdbg_atfork_child();
   QM_HEAP_gt_atfork_child();
   QM_HEAP_c_owner_atfork_child();
   QM_HEAP_om_atfork_child();

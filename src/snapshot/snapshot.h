@@ -4,6 +4,19 @@
 
 extern "C" {
 enum { QM_HEAP_pathname_specifier_max_length = 1024 };
+enum { lwmdbg_num_pcs_for_current_backtrace = 128, lwmdbg_constants_linux_maps_buffer_size = 80 };
+
+struct QM_HEAP_event_info_t;
+// The memory-debug snapshot file: named by fmt (null: the current
+// specifier); -1 when it cannot be created, else the result of closing it.
+int QM_HEAP_lwmdbg_generate_file(const char* fmt, const char* session_title, const char* user_notes);
+int QM_HEAP_lwmdbg_generate_file_event(const char* fmt, const struct QM_HEAP_event_info_t* event);
+int QM_HEAP_lwmdbg_getnextsequence();
+void QM_HEAP_lwmdbg_atfork_prepare();
+void QM_HEAP_lwmdbg_atfork_parent();
+void QM_HEAP_lwmdbg_atfork_child();
+extern volatile int QM_HEAP_lwmdbg_write_comments;
+extern volatile int QM_HEAP_lwmdbg_check_alloc_guards;
 
 int QM_HEAP_lwmdbg_get_pathname_specifier_default(char* buffer, int len, int* specifier_len);
 int QM_HEAP_lwmdbg_get_pathname_specifier(char* buffer, int len, int* specifier_len);

@@ -1,0 +1,167 @@
+"""Snapshot files: written from events and on request, named by the
+pathname template, read back here by a reader that knows only the file's
+format: it starts from the last line, follows the table of contents to every
+subsection, and checks each entry's count and line number against the
+lines themselves."""
+
+import glob
+import os
+import re
+import shutil
+import tempfile
+import unittest
+
+import qmtest
+from qmtest import assert_no_events, config, run, target
+
+LIVE_SIDS = (301, 302, 401, 402, 205, 209, 210, 211, 213, 214, 101)
+
+
+class Snapshot:
+    """A snapshot file as its table of contents describes it."""
+
+    def __init__(self, path):
+        with open(path) as f:
+            self.lines = f.read().split("\n")
+        assert self.lines[-1] == "", "the file ends with a newline"
+        self.lines.pop()
+        self.sections = {}  # sid -> (count, first line number)
+        last = self.toc_line(self.lines[-1])
+        assert last[0] == 99 and last[1] == 4, self.lines[-1]
+        # Four section tocs, each pointing at its subsections' entries.
+        for section in self.entries(last):
+            self.sections[section[0]] = section[1:]
+            for sub in self.entries(section):
+                self.sections[sub[0]] = sub[1:]
+
+    def line(self, n):
+        return self.lines[n - 1]
+
+    @staticmethod
+    def toc_line(text):
+        m = re.fullmatch(r"(\d+)\^(\d+)\^(\d+)", text)
+        assert m, "not a toc line: %r" % text
+        return tuple(int(x) for x in m.groups())
+
+    def entries(self, head):
+        _, count, lineno = head
+        return [self.toc_line(self.line(lineno + i)) for i in range(count)]
+
+    def data(self, sid):
+        count, lineno = self.sections[sid]
+        rows = [self.line(lineno + i) for i in range(count)]
+        assert not any(r.startswith("#") for r in rows), (sid, rows)
+        return [r.split("^") for r in rows]
+
+
+def reads_back(test, path, comments=True):
+    """Checks every toc entry against the lines; returns the Snapshot."""
+    s = Snapshot(path)
+    toc_sids = {100, 200, 300, 400}
+    test.assertTrue(toc_sids <= set(s.sections), s.sections)
+    for sid, (count, lineno) in s.sections.items():
+        if sid in toc_sids:
+            continue
+        rows = s.data(sid)
+        test.assertEqual(len(rows), count)
+        if comments:
+            # Each subsection stands between its start and end comments.
+            test.assertTrue(s.line(lineno - 1).startswith("# --- start of"), (sid, s.line(lineno - 1)))
+            test.assertTrue(s.line(lineno + count).startswith("# --- end of"), (sid, s.line(lineno + count)))
+    # The pcs index points at each backtrace's first pc line, and counts them.
+    for ident, n, first in ((int(a), int(b), int(c)) for a, b, c in s.data(401)):
+        for k in range(n):
+            test.assertEqual(s.line(first + k).split("^")[0], str(ident))
+    test.assertEqual(len(s.data(209)), 1)
+    test.assertEqual(len(s.data(101)), 1)
+    if not comments:
+        test.assertFalse(any(l.startswith("#") for l in s.lines))
+    return s
+
+
+class Files(unittest.TestCase):
+    def setUp(self):
+        self.dir = tempfile.mkdtemp()
+
+    def tearDown(self):
+        shutil.rmtree(self.dir)
+
+    def run_in_dir(self, mode, extra="", *args):
+        # The hoard keeps the C library from seeing (and aborting at) the
+        # second release.
+        env = {"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": "verbosity=2 enable_generate_lwmdbg=true "
+               "lwmdbg_double_dealloc=true enable_hoarding=true " + extra}
+        return run([target("snapshot"), mode] + list(args), env=env, cwd=self.dir)
+
+    def files(self):
+        return sorted(glob.glob(os.path.join(self.dir, "*.lwmdbg")))
+
+    def test_an_event_writes_a_file_a_reader_can_seek_by(self):
+        r = self.run_in_dir("one")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        files = self.files()
+        self.assertEqual(len(files), 1, r.stderr)
+        name = os.path.basename(files[0])
+        self.assertRegex(name, r"^snapshot-[^-]+-\d{8}-000000\.lwmdbg$")
+        s = reads_back(self, files[0])
+        live = [row for row in s.data(301)]
+        released = [row for row in s.data(302)]
+        # The target's 50 live blocks of 60 to 109 bytes are among them.
+        lengths = {int(row[1]) for row in live}
+        self.assertTrue(set(range(60, 110)) <= lengths, sorted(lengths))
+        self.assertTrue(any(int(row[1]) == 8 for row in released))
+        for row in live + released:
+            self.assertEqual(len(row), 14, row)
+            self.assertGreater(int(row[2]), 0, row)  # every block has its backtrace
+        ids = {int(row[2]) for row in live + released}
+        indexed = {int(row[0]) for row in s.data(401)}
+        self.assertTrue(ids <= indexed)
+        event = s.data(212)[0]
+        self.assertEqual(event[:2], ["double_dealloc", "free"])
+        hia = s.data(210)[0]
+        self.assertEqual(hia[-1], "1")
+        props = s.data(209)[0]
+        self.assertEqual(props[6], "64" if qmtest.is_64() else "32")
+        self.assertEqual(props[9], os.path.realpath(target("snapshot")) if not config()["emulated"] else props[9])
+        self.assertEqual(s.data(101)[0][4], "note: generated from event")
+
+    def test_without_comments_the_numbers_still_hold(self):
+        self.run_in_dir("one", "", "nocomments")
+        reads_back(self, self.files()[0], comments=False)
+
+    def test_a_request_writes_where_the_template_says(self):
+        r = self.run_in_dir("request", "", "sub/%4q-%p.snap")
+        self.assertEqual(r.stdout, "request: -1\n")  # no directory "sub"
+        self.assertIn("cannot create the snapshot file", r.stderr)
+        os.mkdir(os.path.join(self.dir, "sub"))
+        r = self.run_in_dir("request", "", "sub/%4q-%p.snap")
+        self.assertEqual(r.stdout, "request: 0\n", r.stderr)
+        assert_no_events(r.stderr)
+        files = glob.glob(os.path.join(self.dir, "sub", "*.snap"))
+        self.assertEqual(len(files), 1)
+        self.assertRegex(os.path.basename(files[0]), r"^0000-\d+\.snap$")
+        s = reads_back(self, files[0])
+        self.assertNotIn(212, s.sections)  # no event
+        self.assertEqual(s.data(210)[0][-1], "0")
+        info = s.data(101)[0]
+        self.assertEqual(info[3:5], ["a title", "some notes"])
+
+    def test_two_threads_write_two_whole_files(self):
+        r = self.run_in_dir("threads")
+        self.assertEqual(r.returncode, 0, r.stderr)
+        files = self.files()
+        self.assertEqual([f[-13:] for f in files], ["000000.lwmdbg", "000001.lwmdbg"])
+        for f in files:
+            self.assertEqual(reads_back(self, f).data(212)[0][0], "double_dealloc")
+
+    def test_a_forked_child_names_itself(self):
+        r = self.run_in_dir("fork")
+        child = int(r.stdout.split()[1])
+        files = self.files()
+        self.assertEqual(len(files), 1, r.stderr)
+        self.assertIn("-%08d-" % child, os.path.basename(files[0]))
+        reads_back(self, files[0])
+
+
+if __name__ == "__main__":
+    qmtest.main()

@@ -13,6 +13,7 @@
 #include <link.h>
 #include <string.h>
 #include <stdarg.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -58,21 +59,38 @@ struct Writer {
   char* buf;
   size_t cap;
   size_t used;
+  unsigned long long written;
+  unsigned long long limit;  // the process's file size limit
   char fallback[2048];
 
   void flush() {
+    if (failed) {
+      used = 0;
+      return;
+    }
+    // Past the file size limit a write would raise SIGXFSZ, whose default
+    // action ends the process: the file is cut at the limit instead.
+    const bool cut = written + used > limit;
+    if (cut) {
+      used = limit > written ? static_cast<size_t>(limit - written) : 0;
+      QM_HEAP_printf("lwmdbg: the snapshot file reached the file size limit (RLIMIT_FSIZE, %lu bytes); it is cut "
+                     "short\n",
+                     static_cast<unsigned long>(limit));
+    }
     size_t off = 0;
     while (off < used) {
       ssize_t n = write(fd, buf + off, used - off);
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) {
-        if (!failed) QM_HEAP_printf("lwmdbg: error writing the snapshot file: %s\n", strerrordesc_np(errno));
+        QM_HEAP_printf("lwmdbg: error writing the snapshot file: %s\n", strerrordesc_np(errno));
         failed = true;
         break;
       }
       off += static_cast<size_t>(n);
     }
+    written += off;
     used = 0;
+    if (cut) failed = true;
   }
 
   // Formats one piece; counts a line for each newline it holds.
@@ -469,6 +487,11 @@ int generate(const char* fmt, const char* title, const char* notes, const QM_HEA
   }
   Writer w = {};
   w.fd = fd;
+  w.limit = ~0ULL;
+  struct {
+    unsigned long long cur, max;
+  } fsize;
+  if (syscall(SYS_prlimit64, 0, RLIMIT_FSIZE, nullptr, &fsize) == 0) w.limit = fsize.cur;
   w.lineno = 1;
   w.comments = QM_HEAP_lwmdbg_write_comments != 0;
   w.buf = static_cast<char*>(QM_page_alloc(kBufferSize, mmt_hia_lwmdbg_buffer));

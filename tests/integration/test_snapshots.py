@@ -146,6 +146,20 @@ class Files(unittest.TestCase):
         info = s.data(101)[0]
         self.assertEqual(info[3:5], ["a title", "some notes"])
 
+    def test_the_file_size_limit_cuts_the_file_and_spares_the_program(self):
+        import resource
+        import subprocess
+        env = {"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": "verbosity=2 enable_generate_lwmdbg=true "
+               "lwmdbg_double_dealloc=true enable_hoarding=true"}
+        cmd = [config()["runner"], "--preload", config()["lib"]]
+        for k, v in env.items():
+            cmd += ["--env", "%s=%s" % (k, v)]
+        r = subprocess.run(cmd + ["--", target("snapshot"), "one"], capture_output=True, text=True, cwd=self.dir,
+                           preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (4000, 4000)))
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(r.stderr.count("reached the file size limit (RLIMIT_FSIZE, 4000 bytes)"), 1, r.stderr)
+        self.assertEqual(os.path.getsize(self.files()[0]), 4000)
+
     def test_two_threads_write_two_whole_files(self):
         r = self.run_in_dir("threads")
         self.assertEqual(r.returncode, 0, r.stderr)

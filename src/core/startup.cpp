@@ -108,6 +108,7 @@ void heap_ia_atfork_prepare() {
   QM_HEAP_c_owner_atfork_prepare();
   QM_HEAP_gt_atfork_prepare();
   QM_HEAP_lwmdbg_atfork_prepare();
+  QM_HEAP_lwcore_atfork_prepare();
   QM_HEAP_generation_atfork_prepare();
   QM_HEAP_rz_atfork_prepare();
 }
@@ -115,6 +116,7 @@ void heap_ia_atfork_prepare() {
 void heap_ia_atfork_parent() {
   QM_HEAP_rz_atfork_parent();
   QM_HEAP_generation_atfork_parent();
+  QM_HEAP_lwcore_atfork_parent();
   QM_HEAP_lwmdbg_atfork_parent();
   QM_HEAP_gt_atfork_parent();
   QM_HEAP_c_owner_atfork_parent();
@@ -128,6 +130,7 @@ void heap_ia_atfork_parent() {
 void heap_ia_atfork_child() {
   QM_HEAP_rz_atfork_child();
   QM_HEAP_generation_atfork_child();
+  QM_HEAP_lwcore_atfork_child();
   QM_HEAP_lwmdbg_atfork_child();
   QM_HEAP_gt_atfork_child();
   QM_HEAP_c_owner_atfork_child();

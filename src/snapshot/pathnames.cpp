@@ -62,7 +62,5 @@ int QM_HEAP_lwcore_get_pathname_specifier(char* buffer, int len, int* specifier_
 }
 int QM_HEAP_lwcore_set_pathname_specifier(const char* specifier) { return store(lwcore_specifier, specifier); }
 
-// The lightweight core's writer: no file is written yet.
-int QM_HEAP_lwcore_generate_file_event(const char*, const QM_HEAP_event_info_t*) { return 0; }
 
 }  // extern "C"

@@ -12,6 +12,12 @@ struct QM_HEAP_event_info_t;
 int QM_HEAP_lwmdbg_generate_file(const char* fmt, const char* session_title, const char* user_notes);
 int QM_HEAP_lwmdbg_generate_file_event(const char* fmt, const struct QM_HEAP_event_info_t* event);
 int QM_HEAP_lwmdbg_getnextsequence();
+// The lightweight core file (an ELF core of the agent's and the heap's
+// memory), named by fmt (null: the current specifier).
+int QM_HEAP_lwcore_generate_file(const char* fmt);
+void QM_HEAP_lwcore_atfork_prepare();
+void QM_HEAP_lwcore_atfork_parent();
+void QM_HEAP_lwcore_atfork_child();
 void QM_HEAP_lwmdbg_atfork_prepare();
 void QM_HEAP_lwmdbg_atfork_parent();
 void QM_HEAP_lwmdbg_atfork_child();

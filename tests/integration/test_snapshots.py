@@ -177,5 +177,70 @@ class Files(unittest.TestCase):
         reads_back(self, files[0])
 
 
+def core_segments(path):
+    """The LOAD segments of an ELF core file as (address, bytes) pairs, read
+    from the ELF structures alone; and the file's class and machine."""
+    import struct
+    with open(path, "rb") as f:
+        data = f.read()
+    assert data[:4] == b"\x7fELF"
+    is64 = data[4] == 2
+    if is64:
+        e_type, e_machine, _, _, e_phoff, _, _, _, e_phentsize, e_phnum = struct.unpack_from("<HHIQQQIHHH", data, 16)
+    else:
+        e_type, e_machine, _, _, e_phoff, _, _, _, e_phentsize, e_phnum = struct.unpack_from("<HHIIIIIHHH", data, 16)
+    segs = []
+    for i in range(e_phnum):
+        off = e_phoff + i * e_phentsize
+        if is64:
+            p_type, _, p_offset, p_vaddr, _, p_filesz, _, _ = struct.unpack_from("<IIQQQQQQ", data, off)
+        else:
+            p_type, p_offset, p_vaddr, _, p_filesz, _, _, _ = struct.unpack_from("<IIIIIIII", data, off)
+        if p_type == 1:
+            segs.append((p_vaddr, data[p_offset:p_offset + p_filesz]))
+    return (is64, e_type, e_machine), segs
+
+
+class LightweightCore(unittest.TestCase):
+    def setUp(self):
+        self.dir = tempfile.mkdtemp()
+
+    def tearDown(self):
+        shutil.rmtree(self.dir)
+
+    def write_core(self):
+        r = run([target("snapshot"), "lwmem"], env=qmtest.VERBOSE, cwd=self.dir)
+        assert_no_events(r.stderr)
+        block, local, result = r.stdout.split()
+        self.assertEqual(result, "0", r.stderr)
+        files = glob.glob(os.path.join(self.dir, "core-*.lwmem"))
+        self.assertEqual(len(files), 1)
+        return files[0], int(block, 16), int(local, 16)
+
+    def test_the_heap_and_the_agent_without_the_stack(self):
+        path, block, local = self.write_core()
+        kind, segs = core_segments(path)
+        self.assertEqual(kind, (qmtest.is_64(), 4, 62 if qmtest.is_64() else 3))  # ET_CORE, EM_X86_64 or EM_386
+        def at(addr, n):
+            for start, data in segs:
+                if start <= addr and addr + n <= start + len(data):
+                    return data[addr - start:addr - start + n]
+            return None
+        self.assertEqual(at(block, 17), b"a recorded block\0")
+        self.assertIsNone(at(local, 4))  # no stack
+
+    @unittest.skipIf(config()["emulated"] or not shutil.which("gdb"), "gdb runs natively only")
+    def test_gdb_reads_the_agents_tables_and_a_block(self):
+        path, block, _ = self.write_core()
+        r = qmtest.gdb(["set auto-load safe-path /", "core-file " + path, "x/s %#x" % block,
+                        "print QM_HEAP_allocation_table.num_records > 0",
+                        "print *(allocation_record_t*)QM_HEAP_allocation_table.root",
+                        "print QM_HEAP_lwmdbg_write_comments"], [target("snapshot")])
+        self.assertIn('"a recorded block"', r.stdout, r.stdout + r.stderr)
+        self.assertIn("$1 = 1", r.stdout)
+        self.assertRegex(r.stdout, r"\$2 = \{addr = 0x[0-9a-f]+, len = \d+, backtrace_id = \d+")
+        self.assertIn("$3 = 1", r.stdout)
+
+
 if __name__ == "__main__":
     qmtest.main()

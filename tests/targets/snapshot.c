@@ -6,6 +6,8 @@
  *   threads   two threads each free a block twice at the same moment
  *   fork      the child frees a block twice; prints the child's pid
  *   request   asks for a file itself, through the agent's function
+ *   lwmem     a block holding a known text; asks for a lightweight core file
+ *             and prints the block's address and a local variable's
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -59,6 +61,13 @@ int main(int argc, char** argv) {
     int (*gen)(const char*, const char*, const char*) =
         (int (*)(const char*, const char*, const char*))dlsym(RTLD_DEFAULT, "QM_HEAP_lwmdbg_generate_file");
     printf("request: %d\n", gen != NULL ? gen(argc > 2 ? argv[2] : NULL, "a title", "some notes") : -2);
+  } else if (strcmp(mode, "lwmem") == 0) {
+    char* block = malloc(64);
+    strcpy(block, "a recorded block");
+    int (*gen)(const char*) = (int (*)(const char*))dlsym(RTLD_DEFAULT, "QM_HEAP_lwcore_generate_file");
+    int on_stack = 7;
+    printf("%p %p %d\n", (void*)block, (void*)&on_stack, gen != NULL ? gen("core-%p.lwmem") : -2);
+    free(block);
   } else {
     fprintf(stderr, "snapshot: unknown mode %s\n", mode);
     return 2;

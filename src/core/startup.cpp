@@ -50,6 +50,8 @@ int do_init_phase_00_00() {
   QM_HEAP_init_heap_tables();
   QM_HEAP_backtrace_init();
   QM_HEAP_mpi_initialize();
+  QM_HEAP_lwcore_initialize();
+  QM_HEAP_lwmdbg_initialize();
   QM_HEAP_om_initialize();
   QM_HEAP_am_initialize();
   return 1;
@@ -198,6 +200,13 @@ QM_EXPORT void QM_HEAP_malloc_interposer_init() {
   op_arg.owner = nullptr;
   op_arg.rp = &local;
   QM_HEAP_on_init();
+  {
+    // Settles the temporary directory (TMPDIR, read once) before the
+    // program can change its environment.
+    char none[1];
+    int len = 0;
+    QM_get_tmp_filename(0, "", none, &len);
+  }
   op_arg.num_times_entered = QM_enter_ia(reinterpret_cast<void**>(&op_arg.rp));
   setup_reentry_info(&op_arg, &local);
   QM_assert(!malloc_interposer_init_has_been_called,

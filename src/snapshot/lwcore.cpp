@@ -355,6 +355,8 @@ extern "C" {
 QM_EXPORT int QM_HEAP_lwcore_generate_file(const char* fmt) { return generate(fmt); }
 int QM_HEAP_lwcore_generate_file_event(const char* fmt, const QM_HEAP_event_info_t*) { return generate(fmt); }
 
+int QM_HEAP_lwcore_initialize() { return 0; }
+
 void QM_HEAP_lwcore_atfork_prepare() { qm::mutex_lock(&QM_HEAP_lwcore_sequence_mutex); }
 void QM_HEAP_lwcore_atfork_parent() { qm::mutex_unlock(&QM_HEAP_lwcore_sequence_mutex); }
 void QM_HEAP_lwcore_atfork_child() { qm::mutex_unlock(&QM_HEAP_lwcore_sequence_mutex); }

@@ -15,6 +15,8 @@ int QM_HEAP_lwmdbg_getnextsequence();
 // The lightweight core file (an ELF core of the agent's and the heap's
 // memory), named by fmt (null: the current specifier).
 int QM_HEAP_lwcore_generate_file(const char* fmt);
+int QM_HEAP_lwcore_initialize();
+int QM_HEAP_lwmdbg_initialize();
 void QM_HEAP_lwcore_atfork_prepare();
 void QM_HEAP_lwcore_atfork_parent();
 void QM_HEAP_lwcore_atfork_child();

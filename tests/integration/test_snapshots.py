@@ -160,6 +160,31 @@ class Files(unittest.TestCase):
         self.assertEqual(r.stderr.count("reached the file size limit (RLIMIT_FSIZE, 4000 bytes)"), 1, r.stderr)
         self.assertEqual(os.path.getsize(self.files()[0]), 4000)
 
+    def test_live_blocks_guards_are_checked_while_dumping(self):
+        r = self.run_in_dir("guards", "enable_guard_blocks=true")
+        addr, result = r.stdout.split()
+        self.assertEqual(result, "0", r.stderr)
+        s = reads_back(self, os.path.join(self.dir, "guards.lwmdbg"))
+        rows = [row for row in s.data(301) if int(row[0], 16) == int(addr, 16)]
+        self.assertEqual(len(rows), 1)
+        self.assertEqual(rows[0][12:], ["0", "1"])  # pre-guard whole, post-guard damaged
+        self.assertNotEqual(rows[0][9], "0")  # its guard id
+        self.assertEqual(len(s.data(205)), 1)  # one guard geometry
+
+    def test_a_full_file_system_gives_one_message(self):
+        import subprocess
+        full = os.path.join(self.dir, "full")
+        os.mkdir(full)
+        if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=8k", "tmpfs", full],
+                          capture_output=True).returncode != 0:
+            self.skipTest("cannot mount a small file system here")
+        try:
+            r = self.run_in_dir("one", "lwmdbg_pathname=%s/%%p.lwmdbg" % full)
+            self.assertEqual(r.returncode, 0, r.stderr)
+            self.assertEqual(r.stderr.count("error writing the snapshot file: No space left on device"), 1, r.stderr)
+        finally:
+            subprocess.run(["umount", full])
+
     def test_two_threads_write_two_whole_files(self):
         r = self.run_in_dir("threads")
         self.assertEqual(r.returncode, 0, r.stderr)

@@ -6,6 +6,8 @@
  *   threads   two threads each free a block twice at the same moment
  *   fork      the child frees a block twice; prints the child's pid
  *   request   asks for a file itself, through the agent's function
+ *   guards    one byte written past a 10-byte block, then a file requested;
+ *             prints the block's address
  *   lwmem     a block holding a known text; asks for a lightweight core file
  *             and prints the block's address and a local variable's
  */
@@ -61,6 +63,12 @@ int main(int argc, char** argv) {
     int (*gen)(const char*, const char*, const char*) =
         (int (*)(const char*, const char*, const char*))dlsym(RTLD_DEFAULT, "QM_HEAP_lwmdbg_generate_file");
     printf("request: %d\n", gen != NULL ? gen(argc > 2 ? argv[2] : NULL, "a title", "some notes") : -2);
+  } else if (strcmp(mode, "guards") == 0) {
+    char* b = malloc(10);
+    b[10] = 1;
+    int (*gen)(const char*, const char*, const char*) =
+        (int (*)(const char*, const char*, const char*))dlsym(RTLD_DEFAULT, "QM_HEAP_lwmdbg_generate_file");
+    printf("%p %d\n", (void*)b, gen != NULL ? gen("guards.lwmdbg", NULL, NULL) : -2);
   } else if (strcmp(mode, "lwmem") == 0) {
     char* block = malloc(64);
     strcpy(block, "a recorded block");

@@ -26,6 +26,7 @@
 #include "base/format.h"
 #include "base/memory_manager.h"
 #include "base/page.h"
+#include "config/runtime_config.h"
 #include "events/events.h"
 #include "events/output.h"
 #include "heap/heap_tables.h"
@@ -326,7 +327,7 @@ int next_sequence(format_pathname_callbacks_t*) {
   return n;
 }
 
-int mpi_rank(format_pathname_callbacks_t*) { return 0; }
+int mpi_rank(format_pathname_callbacks_t*) { return QM_HEAP_mpi_get_rank(); }
 
 int generate(const char* fmt) {
   char spec[QM_HEAP_pathname_specifier_max_length + 1];

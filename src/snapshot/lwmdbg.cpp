@@ -465,8 +465,9 @@ __attribute__((noinline)) int write_file(Writer& w, const char* title, const cha
 }
 
 int format_pathname(char* buffer, int buffer_len, const char* fmt) {
+  // The snapshot's template has no rank conversion.
   format_pathname_callbacks_t cb = {nullptr, [](format_pathname_callbacks_t*) { return QM_HEAP_lwmdbg_getnextsequence(); },
-                                    [](format_pathname_callbacks_t*) { return 0; }};
+                                    nullptr};
   return QM_format_pathname(buffer, buffer_len, &cb, fmt);
 }
 

@@ -116,8 +116,8 @@ int expand(char* buffer, int buffer_len, format_pathname_callbacks_t* cb, bool w
           }
           case 'p': n = put_number(out, room, width, static_cast<int>(getpid())); break;
           case 'q': n = put_number(out, room, width, next_seq(cb)); break;
-          case 'r':
-            if (with_rank) n = put_number(out, room, width, cb->get_mpi_rank(cb));
+          case 'r':  // a writer without ranks leaves it out
+            if (with_rank && cb->get_mpi_rank != nullptr) n = put_number(out, room, width, cb->get_mpi_rank(cb));
             break;
           default: break;
         }

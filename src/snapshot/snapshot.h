@@ -40,7 +40,8 @@ int QM_HEAP_lwcore_set_pathname_specifier(const char* specifier);
 // The pathname template language: %b the executable's base name, %h the
 // host name, %p the process id, %q the next sequence number, %r the MPI
 // rank (the last three zero-filled to an optional width, * taking it from
-// the arguments); %% a percent sign. Returns the length written.
+// the arguments; %r writes nothing without a rank callback); %% a percent
+// sign. Returns the length written.
 typedef struct format_pathname_callbacks_t {
   void* arg;
   int (*get_next_sequence_number)(struct format_pathname_callbacks_t* cb);

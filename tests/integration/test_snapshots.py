@@ -254,6 +254,14 @@ class LightweightCore(unittest.TestCase):
         self.assertEqual(at(block, 17), b"a recorded block\0")
         self.assertIsNone(at(local, 4))  # no stack
 
+    def test_the_template_names_the_mpi_rank(self):
+        env = dict(qmtest.VERBOSE, QMHEAP_MPI_RANK_DISCOVERY_METHOD="variable", QMHEAP_MPI_RANK="PMI_RANK",
+                   PMI_RANK="37")
+        env["QMHEAP_ARGS"] += " lwmem_pathname=r%4r-%q.lwmem"
+        r = run([target("snapshot"), "lwmem", "-"], env=env, cwd=self.dir)
+        self.assertEqual(r.stdout.split()[2], "0", r.stderr)
+        self.assertEqual(os.listdir(self.dir), ["r0037-0.lwmem"])
+
     @unittest.skipIf(config()["emulated"] or not shutil.which("gdb"), "gdb runs natively only")
     def test_gdb_reads_the_agents_tables_and_a_block(self):
         path, block, _ = self.write_core()

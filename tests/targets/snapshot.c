@@ -9,7 +9,8 @@
  *   guards    one byte written past a 10-byte block, then a file requested;
  *             prints the block's address
  *   lwmem     a block holding a known text; asks for a lightweight core file
- *             and prints the block's address and a local variable's
+ *             (named core-%p.lwmem, or by the template given, "-" for the
+ *             setting's) and prints the block's address and a local's
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -74,7 +75,8 @@ int main(int argc, char** argv) {
     strcpy(block, "a recorded block");
     int (*gen)(const char*) = (int (*)(const char*))dlsym(RTLD_DEFAULT, "QM_HEAP_lwcore_generate_file");
     int on_stack = 7;
-    printf("%p %p %d\n", (void*)block, (void*)&on_stack, gen != NULL ? gen("core-%p.lwmem") : -2);
+    const char* tmpl = argc > 2 ? (strcmp(argv[2], "-") == 0 ? NULL : argv[2]) : "core-%p.lwmem";
+    printf("%p %p %d\n", (void*)block, (void*)&on_stack, gen != NULL ? gen(tmpl) : -2);
     free(block);
   } else {
     fprintf(stderr, "snapshot: unknown mode %s\n", mode);

@@ -59,6 +59,8 @@ TEST(PathnameTemplates, TheDefaultNamesEveryProcessAndFileApart) {
   char buf[64];
   EXPECT_EQ(QM_format_pathname(buf, sizeof buf, &c.cb, "%*q-%*r", 5, 3), 9);
   EXPECT_STREQ(buf, "00003-017");
+  c.cb.get_mpi_rank = nullptr;  // the snapshot's own template has no ranks
+  EXPECT_EQ(fmt(c, "a%4rb"), "ab");
 }
 
 TEST(PathnameTemplates, PercentSignsUnknownLettersAndUnfinishedConversions) {

@@ -66,7 +66,23 @@ struct Ranges {
   size_t n = 0, cap = 0;
   bool failed = false;
 
-  void add(uintptr_t start, uintptr_t end) {
+  // Room for extra more ranges, so that add() need not allocate (while the
+  // page memory manager's own lock is held, say).
+  void reserve(size_t extra) {
+    if (n + extra > cap) grow(n + extra);
+  }
+
+  void grow(size_t at_least) {
+    size_t ncap = cap == 0 ? 1024 : 2 * cap;
+    while (ncap < at_least) ncap *= 2;
+    auto* nr = static_cast<Range*>(QM_page_alloc(ncap * sizeof(Range), mmt_hia_lwmdbg_buffer));
+    if (n > 0) __builtin_memcpy(nr, r, n * sizeof(Range));
+    if (r != nullptr) QM_page_dealloc(r);
+    r = nr;
+    cap = ncap;
+  }
+
+  void add(uintptr_t start, uintptr_t end, bool may_grow = true) {
     const size_t page = QM_getpagesize();
     start &= ~(page - 1);
     end = (end + page - 1) & ~(page - 1);
@@ -76,12 +92,11 @@ struct Ranges {
       return;
     }
     if (n == cap) {
-      const size_t ncap = cap == 0 ? 1024 : 2 * cap;
-      auto* nr = static_cast<Range*>(QM_page_alloc(ncap * sizeof(Range), mmt_hia_lwmdbg_buffer));
-      if (n > 0) __builtin_memcpy(nr, r, n * sizeof(Range));
-      if (r != nullptr) QM_page_dealloc(r);
-      r = nr;
-      cap = ncap;
+      if (!may_grow) {
+        failed = true;
+        return;
+      }
+      grow(n + 1);
     }
     r[n++] = Range{start, end};
   }
@@ -160,7 +175,8 @@ __attribute__((noinline)) void add_mappings(Ranges& out) {
 
 int add_agent_region(QM_MM_iterator_callbacks_t* cb) {
   auto* out = static_cast<Ranges*>(cb->arg);
-  out->add(reinterpret_cast<uintptr_t>(cb->region.base), reinterpret_cast<uintptr_t>(cb->region.base) + cb->region.len);
+  out->add(reinterpret_cast<uintptr_t>(cb->region.base), reinterpret_cast<uintptr_t>(cb->region.base) + cb->region.len,
+           false);
   return 0;
 }
 
@@ -253,6 +269,8 @@ __attribute__((noinline)) int write_core(int fd) {
   QM_MM_iterator_callbacks_t cb = {};
   cb.arg = &ranges;
   cb.f = add_agent_region;
+  // The walk holds the page manager's lock: the room is made first.
+  ranges.reserve(static_cast<size_t>(QM_memory_manager_table.num_regions) + 16);
   QM_MM_iterate_regions(&cb);
   QM_HEAP_ht_alloc_read_lock();
   QM_HEAP_iterate_over_allocation_table(add_block, &ranges);

@@ -234,7 +234,7 @@ class LightweightCore(unittest.TestCase):
         shutil.rmtree(self.dir)
 
     def write_core(self):
-        r = run([target("snapshot"), "lwmem"], env=qmtest.VERBOSE, cwd=self.dir)
+        r = run([target("snapshot"), "lwmem"], env=qmtest.VERBOSE, cwd=self.dir, timeout=60)
         assert_no_events(r.stderr)
         block, local, result = r.stdout.split()
         self.assertEqual(result, "0", r.stderr)

@@ -8,7 +8,8 @@
  *   request   asks for a file itself, through the agent's function
  *   guards    one byte written past a 10-byte block, then a file requested;
  *             prints the block's address
- *   lwmem     a block holding a known text; asks for a lightweight core file
+ *   lwmem     (a thread started and ended first) a block holding a known text;
+ *             asks for a lightweight core file
  *             (named core-%p.lwmem, or by the template given, "-" for the
  *             setting's) and prints the block's address and a local's
  */
@@ -35,6 +36,8 @@ static void* racer(void* arg) {
   double_free();
   return NULL;
 }
+
+static void* racer_quiet(void* arg) { return arg; }
 
 int main(int argc, char** argv) {
   const char* mode = argc > 1 ? argv[1] : "";
@@ -71,6 +74,10 @@ int main(int argc, char** argv) {
         (int (*)(const char*, const char*, const char*))dlsym(RTLD_DEFAULT, "QM_HEAP_lwmdbg_generate_file");
     printf("%p %d\n", (void*)b, gen != NULL ? gen("guards.lwmdbg", NULL, NULL) : -2);
   } else if (strcmp(mode, "lwmem") == 0) {
+    /* With a second thread once started, the agent's locks are real locks. */
+    pthread_t t;
+    pthread_create(&t, NULL, racer_quiet, NULL);
+    pthread_join(t, NULL);
     char* block = malloc(64);
     strcpy(block, "a recorded block");
     int (*gen)(const char*) = (int (*)(const char*))dlsym(RTLD_DEFAULT, "QM_HEAP_lwcore_generate_file");

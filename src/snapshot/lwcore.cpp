@@ -126,16 +126,6 @@ struct Ranges {
   }
 };
 
-long hex(const char*& p) {
-  long v = 0;
-  for (;; ++p) {
-    const char c = *p;
-    const int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-    if (d < 0) return v;
-    v = v * 16 + d;
-  }
-}
-
 // The images' writable segments and their bss, and the brk heap, from the
 // process's map.
 __attribute__((noinline)) void add_mappings(Ranges& out) {
@@ -152,9 +142,9 @@ __attribute__((noinline)) void add_mappings(Ranges& out) {
     line[n] = '\0';
     n = 0;
     const char* p = line;
-    const uintptr_t start = static_cast<uintptr_t>(hex(p));
+    const uintptr_t start = static_cast<uintptr_t>(qm::parse_hex(p));
     ++p;
-    const uintptr_t end = static_cast<uintptr_t>(hex(p));
+    const uintptr_t end = static_cast<uintptr_t>(qm::parse_hex(p));
     ++p;
     const bool writable = p[1] == 'w', priv = p[3] == 'p';
     // The path follows the fourth run of spaces after the permissions.
@@ -338,11 +328,7 @@ __attribute__((noinline)) int write_core(int fd) {
 }
 
 int next_sequence(format_pathname_callbacks_t*) {
-  qm::mutex_lock(&QM_HEAP_lwcore_sequence_mutex);
-  const int n = QM_HEAP_lwcore_sequence_number;
-  QM_HEAP_lwcore_sequence_number = n + 1;
-  qm::mutex_unlock(&QM_HEAP_lwcore_sequence_mutex);
-  return n;
+  return qm::next_in_sequence(&QM_HEAP_lwcore_sequence_mutex, &QM_HEAP_lwcore_sequence_number);
 }
 
 int mpi_rank(format_pathname_callbacks_t*) { return QM_HEAP_mpi_get_rank(); }

@@ -216,24 +216,12 @@ int guard_line(guard_id_t id, const guard_settings_t* g, int* stop, void* arg) {
   return 0;
 }
 
-long hex_field(const char*& p) {
-  long v = 0;
-  while (true) {
-    char c = *p;
-    int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-    if (d < 0) break;
-    v = v * 16 + d;
-    ++p;
-  }
-  return v;
-}
-
 // One line of the process's map, as "start^size^attributes^offset^major^minor^inode^path".
 bool mapping_line(Writer& w, const char* line) {
   const char* p = line;
-  const unsigned long start = static_cast<unsigned long>(hex_field(p));
+  const unsigned long start = qm::parse_hex(p);
   if (*p++ != '-') return false;
-  const unsigned long end = static_cast<unsigned long>(hex_field(p));
+  const unsigned long end = qm::parse_hex(p);
   if (*p++ != ' ') return false;
   char attrs[8];
   int na = 0;
@@ -253,11 +241,11 @@ bool mapping_line(Writer& w, const char* line) {
       if (attrs[i] == *c) ordered[no++] = *c;
   ordered[no] = '\0';
   if (*p++ != ' ') return false;
-  const unsigned long offset = static_cast<unsigned long>(hex_field(p));
+  const unsigned long offset = qm::parse_hex(p);
   if (*p++ != ' ') return false;
-  const unsigned long major = static_cast<unsigned long>(hex_field(p));
+  const unsigned long major = qm::parse_hex(p);
   if (*p++ != ':') return false;
-  const unsigned long minor = static_cast<unsigned long>(hex_field(p));
+  const unsigned long minor = qm::parse_hex(p);
   if (*p++ != ' ') return false;
   unsigned long inode = 0;
   while (*p >= '0' && *p <= '9') inode = inode * 10 + static_cast<unsigned long>(*p++ - '0');
@@ -512,11 +500,7 @@ int generate(const char* fmt, const char* title, const char* notes, const QM_HEA
 extern "C" {
 
 int QM_HEAP_lwmdbg_getnextsequence() {
-  qm::mutex_lock(&QM_HEAP_lwmdbg_sequence_mutex);
-  const int n = QM_HEAP_lwmdbg_sequence_number;
-  QM_HEAP_lwmdbg_sequence_number = n + 1;
-  qm::mutex_unlock(&QM_HEAP_lwmdbg_sequence_mutex);
-  return n;
+  return qm::next_in_sequence(&QM_HEAP_lwmdbg_sequence_mutex, &QM_HEAP_lwmdbg_sequence_number);
 }
 
 QM_EXPORT int QM_HEAP_lwmdbg_generate_file(const char* fmt, const char* session_title, const char* user_notes) {

@@ -228,3 +228,25 @@ int QM_get_tmp_filename(int priority, const char* filename, char* pathname, int*
 }
 
 }  // extern "C"
+
+namespace qm {
+
+unsigned long parse_hex(const char*& p) {
+  unsigned long v = 0;
+  for (;; ++p) {
+    const char c = *p;
+    const int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+    if (d < 0) return v;
+    v = v * 16 + static_cast<unsigned long>(d);
+  }
+}
+
+int next_in_sequence(QM_pthread_mutex_t* mutex, volatile int* counter) {
+  qm::mutex_lock(mutex);
+  const int n = *counter;
+  *counter = n + 1;
+  qm::mutex_unlock(mutex);
+  return n;
+}
+
+}  // namespace qm

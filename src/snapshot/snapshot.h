@@ -57,3 +57,14 @@ int QM_get_tmp_filename(int priority, const char* filename, char* pathname, int*
 // The host name without the C library (its node name); 0 or -1.
 int QM_gethostname(char* buffer, int len);
 }
+
+#ifdef __cplusplus
+#include "threads/thread_utils.h"
+namespace qm {
+// The lower-case hexadecimal number at p, as the kernel writes them in
+// /proc; p is left after its digits.
+unsigned long parse_hex(const char*& p);
+// The next number of a file sequence (post-incremented under its mutex).
+int next_in_sequence(QM_pthread_mutex_t* mutex, volatile int* counter);
+}  // namespace qm
+#endif

@@ -334,22 +334,11 @@ int next_sequence(format_pathname_callbacks_t*) {
 int mpi_rank(format_pathname_callbacks_t*) { return QM_HEAP_mpi_get_rank(); }
 
 int generate(const char* fmt) {
-  char spec[QM_HEAP_pathname_specifier_max_length + 1];
-  if (fmt == nullptr) {
-    int len = 0;
-    if (QM_HEAP_lwcore_get_pathname_specifier(spec, sizeof spec, &len) != 0) return -1;
-    fmt = spec;
-  }
-  char path[4096 + 1];
   format_pathname_callbacks_t cb = {nullptr, next_sequence, mpi_rank};
-  if (QM_format_pathname(path, sizeof path, &cb, fmt) <= 0) return -1;
-  const int fd = static_cast<int>(syscall(SYS_open, path, O_WRONLY | O_CREAT | O_TRUNC, 0644));
-  if (fd < 0) {
-    QM_HEAP_printf("lwmem: cannot create the lightweight core file %s: %s\n", path, strerrordesc_np(errno));
-    return -1;
-  }
-  if (write_core(fd) != 0) QM_HEAP_printf("lwmem: error writing the lightweight core file %s: %s\n", path,
-                                          strerrordesc_np(errno));
+  const int fd = qm::create_named_file(fmt, QM_HEAP_lwcore_get_pathname_specifier, &cb, "lwmem",
+                                       "lightweight core file");
+  if (fd < 0) return -1;
+  if (write_core(fd) != 0) QM_HEAP_printf("lwmem: error writing the lightweight core file: %s\n", strerrordesc_np(errno));
   return close(fd);
 }
 

@@ -452,28 +452,13 @@ __attribute__((noinline)) int write_file(Writer& w, const char* title, const cha
   return 0;
 }
 
-int format_pathname(char* buffer, int buffer_len, const char* fmt) {
+int generate(const char* fmt, const char* title, const char* notes, const QM_HEAP_event_info_t* ev) {
+  if (!QM_HEAP_lwmdbg_supported) return -1;
   // The snapshot's template has no rank conversion.
   format_pathname_callbacks_t cb = {nullptr, [](format_pathname_callbacks_t*) { return QM_HEAP_lwmdbg_getnextsequence(); },
                                     nullptr};
-  return QM_format_pathname(buffer, buffer_len, &cb, fmt);
-}
-
-int generate(const char* fmt, const char* title, const char* notes, const QM_HEAP_event_info_t* ev) {
-  if (!QM_HEAP_lwmdbg_supported) return -1;
-  char spec[QM_HEAP_pathname_specifier_max_length + 1];
-  if (fmt == nullptr) {
-    int len = 0;
-    if (QM_HEAP_lwmdbg_get_pathname_specifier(spec, sizeof spec, &len) != 0) return -1;
-    fmt = spec;
-  }
-  char path[4096 + 1];
-  if (format_pathname(path, sizeof path, fmt) <= 0) return -1;
-  const int fd = static_cast<int>(syscall(SYS_open, path, O_WRONLY | O_CREAT | O_TRUNC, 0644));
-  if (fd < 0) {
-    QM_HEAP_printf("lwmdbg: cannot create the snapshot file %s: %s\n", path, strerrordesc_np(errno));
-    return -1;
-  }
+  const int fd = qm::create_named_file(fmt, QM_HEAP_lwmdbg_get_pathname_specifier, &cb, "lwmdbg", "snapshot file");
+  if (fd < 0) return -1;
   Writer w = {};
   w.fd = fd;
   w.limit = ~0ULL;

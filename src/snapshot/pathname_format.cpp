@@ -2,11 +2,14 @@
 // utilities it and the file writers use. Expansion keeps no state of its
 // own: the sequence numbers come from callbacks, under their owners' locks.
 #include <errno.h>
+#include <string.h>
+#include <fcntl.h>
 #include <stdarg.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include "base/format.h"
+#include "events/output.h"
 #include "config/runtime_config.h"
 #include "snapshot/snapshot.h"
 
@@ -247,6 +250,21 @@ int next_in_sequence(QM_pthread_mutex_t* mutex, volatile int* counter) {
   *counter = n + 1;
   qm::mutex_unlock(mutex);
   return n;
+}
+
+int create_named_file(const char* fmt, int (*get_specifier)(char*, int, int*), format_pathname_callbacks_t* cb,
+                      const char* who, const char* what) {
+  char spec[QM_HEAP_pathname_specifier_max_length + 1];
+  if (fmt == nullptr) {
+    int len = 0;
+    if (get_specifier(spec, sizeof spec, &len) != 0) return -1;
+    fmt = spec;
+  }
+  char path[4096 + 1];
+  if (QM_format_pathname(path, sizeof path, cb, fmt) <= 0) return -1;
+  const int fd = static_cast<int>(syscall(SYS_open, path, O_WRONLY | O_CREAT | O_TRUNC, 0644));
+  if (fd < 0) QM_HEAP_printf("%s: cannot create the %s %s: %s\n", who, what, path, strerrordesc_np(errno));
+  return fd;
 }
 
 }  // namespace qm

@@ -66,5 +66,10 @@ namespace qm {
 unsigned long parse_hex(const char*& p);
 // The next number of a file sequence (post-incremented under its mutex).
 int next_in_sequence(QM_pthread_mutex_t* mutex, volatile int* counter);
+// Creates the file the template names (null: the one get_specifier gives),
+// relative to the working directory of the moment; its descriptor, or -1
+// after one message that names the file and the reason.
+int create_named_file(const char* fmt, int (*get_specifier)(char*, int, int*), format_pathname_callbacks_t* cb,
+                      const char* who, const char* what);
 }  // namespace qm
 #endif

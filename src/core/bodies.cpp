@@ -599,7 +599,18 @@ bool handle_allocation(const NewBlock& b) {
 
 // Guards, when on, are filled and the payload painted before the block is
 // recorded: a check of every block from another thread never sees a block
-// whose guards are not there yet.
+// whose guards are not there yet. True when an event was raised.
+bool record_allocation(NewBlock& b, const guard_settings_t& gs, painting_op_e ptop) {
+  if (b.addr != nullptr && gs.pre_size + gs.post_size != 0) {
+    QM_HEAP_gt_insert_settings(&gs, &b.guard_id);
+    b.pre_size = gs.pre_size;
+    b.post_size = gs.post_size;
+    QM_HEAP_guard_fill_guards(gfm_both, b.addr, b.len, &gs);
+  }
+  paint_on_allocation(ptop, b.addr, b.len);
+  return handle_allocation(b);
+}
+
 void* allocation_body(op_body_arg_t* a, QM_HEAP_heap_op_e op, size_t len, size_t alignment,
                       void* (*call)(allocator_t*, owner_t*, size_t, size_t, size_t), size_t x, size_t y,
                       bool bad_argument, size_t unit = 1, painting_op_e ptop = ptop_isnt_zeroed_alloc,
@@ -623,14 +634,7 @@ void* allocation_body(op_body_arg_t* a, QM_HEAP_heap_op_e op, size_t len, size_t
   void* p = base != nullptr ? static_cast<char*>(base) + gs.pre_size : nullptr;
   NewBlock b = {op, p, len, alloc_len, bad_argument ? 0 : expected_alignment_of(al, alignment), owner, al,
                 QM_HEAP_op_backtrace_id, nullptr};
-  if (p != nullptr && gs.pre_size + gs.post_size != 0) {
-    QM_HEAP_gt_insert_settings(&gs, &b.guard_id);
-    b.pre_size = gs.pre_size;
-    b.post_size = gs.post_size;
-    QM_HEAP_guard_fill_guards(gfm_both, p, len, &gs);
-  }
-  paint_on_allocation(ptop, p, len);
-  bool errors = handle_allocation(b) || bad_argument;
+  bool errors = record_allocation(b, gs, ptop) || bad_argument;
   inc_op_count(counts_of(op), 1, 1, errors);
   if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(op);
   return p;
@@ -844,14 +848,7 @@ int posix_memalign_body(op_body_arg_t* a, void** memptr, size_t alignment, size_
   if (r == 0 || r == ENOMEM) {
     NewBlock b = {qm_heap_op_posix_memalign, p, len, alloc_len, expected_alignment_of(al, alignment), owner, al,
                   QM_HEAP_op_backtrace_id, nullptr};
-    if (p != nullptr && gs.pre_size + gs.post_size != 0) {
-      QM_HEAP_gt_insert_settings(&gs, &b.guard_id);
-      b.pre_size = gs.pre_size;
-      b.post_size = gs.post_size;
-      QM_HEAP_guard_fill_guards(gfm_both, p, len, &gs);
-    }
-    paint_on_allocation(ptop_isnt_zeroed_alloc, p, len);
-    errors = handle_allocation(b) || errors;
+    errors = record_allocation(b, gs, ptop_isnt_zeroed_alloc) || errors;
   }
   if (r == 0) *memptr = p;
   inc_op_count(&QM_HEAP_posix_memalign_op_counts, 1, 1, errors);
@@ -1021,8 +1018,10 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
   // to another thread at once), and so the caller's cancellation state is not
   // restored around it: a cancellation must never find an agent lock held.
   if (!held) QM_HEAP_ht_alloc_write_lock();
-  allocator_t* r_al = choose_allocator(owner, len);
-  if (r_al == qm::owner_allocator(owner) && al->id != am_id_rz_allocator) r_al = al;
+  // The block stays with its allocator unless red zones now apply to the new
+  // length and it has none, or the reverse.
+  allocator_t* r_al = al;
+  if (QM_UNLIKELY(qm::use_rz_allocator(len) != (al->id == am_id_rz_allocator))) r_al = choose_allocator(owner, len);
   void* r_base = r_al == al ? al->funcs->realloc(al, owner, base, alloc_len)
                             : move_across(al, r_al, owner, base, with_guards(gs, rec.len), alloc_len);
   r = r_base != nullptr ? static_cast<char*>(r_base) + gs.pre_size : nullptr;

@@ -628,8 +628,8 @@ int range_matches(rz_size_range_iterator_t* it, QM_HEAP_rz_size_range_t* r) {
 }
 }  // namespace
 
-bool use_rz_allocator(size_t len) {
-  if (QM_LIKELY(!QM_HEAP_rz_is_enabled())) return false;
+bool use_rz_allocator_for(size_t len) {
+  if (!QM_HEAP_rz_is_enabled()) return false;
   if (!QM_HEAP_rz_size_ranges_is_enabled()) return true;
   rz_size_range_iterator_t it = {&len, range_matches, 0, 0};
   int r = QM_HEAP_rz_size_ranges_iterate(&it);

@@ -5,7 +5,9 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "base/export.h"
 #include "core/owners.h"
+#include "redzone/rz_controls.h"
 #include "qmheap/protection.h"
 #include "threads/thread_utils.h"
 
@@ -80,8 +82,12 @@ size_t rz_payload_offset(size_t map_len, size_t aligned_len, size_t pre_fence, s
 // What a fault at addr in the record's mapping means.
 QM_HEAP_event_e rz_classify(const rz_record_t& r, uintptr_t addr);
 
-// Whether a request of len bytes goes to the red-zone allocator.
-bool use_rz_allocator(size_t len);
+// Whether a request of len bytes goes to the red-zone allocator: one read
+// of the switch while red zones are off (every heap call asks).
+bool use_rz_allocator_for(size_t len);
+inline bool use_rz_allocator(size_t len) {
+  return QM_UNLIKELY(QM_HEAP_rz_enabled != 0) && use_rz_allocator_for(len);
+}
 // p lies in a red-zone mapping, or starts a released red-zone block: never
 // an address for the C allocator.
 bool rz_owns_address(const void* p);

@@ -18,7 +18,10 @@ extern constinit const int QM_HEAP_version_minor = 2;
 extern constinit const int QM_HEAP_version_point = 0;
 extern constinit const int QM_HEAP_version_service = 0;
 
-const char* QM_get_qm_distribution() { return QMHEAP_DISTRIBUTION; }
+// The distribution string, as the banner prints it and a debugger reads it.
+extern constinit const char QM_qm_distribution[] = QMHEAP_DISTRIBUTION;
+
+const char* QM_get_qm_distribution() { return QM_qm_distribution; }
 
 int QM_HEAP_main(int, char**) {
   QM_HEAP_printf("Quillmark Heap Interposition Agent\n");

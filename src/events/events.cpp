@@ -414,6 +414,7 @@ void QM_HEAP_generate_core() {
 }
 
 int QM_HEAP_core_is_supported() { return QM_HEAP_core_supported; }
+int QM_HEAP_lwcore_is_supported() { return QM_HEAP_lwcore_supported; }
 
 void QM_HEAP_notify_event(QM_HEAP_event_info_t* event) {
   if (event != nullptr) {

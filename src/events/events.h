@@ -75,6 +75,7 @@ void QM_HEAP_event_core_atfork_parent();
 void QM_HEAP_event_core_atfork_child();
 [[noreturn]] void QM_HEAP_generate_core();
 int QM_HEAP_core_is_supported();
+int QM_HEAP_lwcore_is_supported();
 
 // The long console report of an event; the caller holds the io mutex.
 void QM_HEAP_console_notify(const QM_HEAP_event_info_t* event);

@@ -474,6 +474,7 @@ int QM_HEAP_iterate_over_deallocation_table(ht_iter_func_t f, void* arg) {
 }
 
 QM_pthread_mutex_t* QM_HEAP_ht_alloc_mutex() { return &alloc_mutex; }
+QM_pthread_mutex_t* QM_HEAP_ht_dealloc_mutex() { return &dealloc_mutex; }
 int QM_HEAP_ht_alloc_read_lock() { return qm::mutex_lock_spinning(&alloc_mutex); }
 int QM_HEAP_ht_alloc_read_unlock() { return qm::mutex_unlock(&alloc_mutex); }
 int QM_HEAP_ht_alloc_write_lock() { return qm::mutex_lock_spinning(&alloc_mutex); }

@@ -123,6 +123,7 @@ int QM_HEAP_iterate_over_deallocation_table(ht_iter_func_t f, void* arg);
 
 // The allocation-table lock itself, for code that must only ever try it.
 QM_pthread_mutex_t* QM_HEAP_ht_alloc_mutex();
+QM_pthread_mutex_t* QM_HEAP_ht_dealloc_mutex();
 int QM_HEAP_ht_alloc_read_lock();
 int QM_HEAP_ht_alloc_read_unlock();
 int QM_HEAP_ht_alloc_write_lock();

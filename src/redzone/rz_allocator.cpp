@@ -530,15 +530,6 @@ constinit allocator_t* rz_allocator_instance = nullptr;
 
 // --- the fault ------------------------------------------------------------------------------
 
-// A lock the handler may take: tried for a while, never waited for.
-bool try_lock_for_a_while(QM_pthread_mutex_t* m) {
-  for (int i = 0; i < 1000; ++i) {
-    if (qm::mutex_trylock(m) == 0) return true;
-    syscall(SYS_sched_yield);
-  }
-  return false;
-}
-
 constinit int fault_reported = 0;
 
 }  // namespace
@@ -658,7 +649,7 @@ size_t rz_effective_alignment(size_t requested) {
 }
 
 void rz_signal_handler(void* addr, int* handled) {
-  const bool rz_locked = try_lock_for_a_while(&QM_HEAP_rz_table_mutex);
+  const bool rz_locked = qm::mutex_try_for_a_while(&QM_HEAP_rz_table_mutex);
   rz_avl_node_t* n = lookup(addr, rz_lookup_region);
   rz_record_t rec = n != nullptr ? n->rz_record : rz_record_t{};
   if (rz_locked) qm::mutex_unlock(&QM_HEAP_rz_table_mutex);
@@ -676,7 +667,7 @@ void rz_signal_handler(void* addr, int* handled) {
   e.op = qm_heap_op_rz_signal;
   e.addr = addr;
   if (e.event != qm_heap_event_rz_unknown) {
-    const bool ht_locked = try_lock_for_a_while(QM_HEAP_ht_alloc_mutex());
+    const bool ht_locked = qm::mutex_try_for_a_while(QM_HEAP_ht_alloc_mutex());
     allocation_record_t r = {};
     if (rec.state == rzs_allocated)
       QM_HEAP_lookup_allocation_range_record(rec.alloc_addr, rec.alloc_len, &r);

@@ -8,6 +8,8 @@
 //   - every region of the agent's own pages (the tables);
 //   - every live block the allocation table knows, whole pages around it;
 //   - the pages of each entry of the dynamic linker's list of images.
+//   - the agent's own image, read-only segments included (the descriptors
+//     of its root block and their names).
 // Notes: the writing thread's status (its thread id), the process's
 // information and the auxiliary vector (which places a position-independent
 // executable). Stacks, file-backed read-only pages and other anonymous memory
@@ -177,7 +179,26 @@ int add_block(allocation_record_t* rec, int*, void* arg) {
   return 0;
 }
 
+// The agent's own image whole, constants and code too: the root block's
+// descriptors and names are then read from the file alone, without the
+// library that wrote it.
+extern "C" const ElfW(Ehdr) __ehdr_start __attribute__((visibility("hidden")));
+
+void add_agent_image(Ranges& out) {
+  const auto* eh = &__ehdr_start;
+  const auto* ph = reinterpret_cast<const ElfW(Phdr)*>(reinterpret_cast<const char*>(eh) + eh->e_phoff);
+  uintptr_t base = 0;
+  bool first = true;
+  for (int i = 0; i < eh->e_phnum; ++i) {
+    if (ph[i].p_type != PT_LOAD) continue;
+    if (first) base = reinterpret_cast<uintptr_t>(eh) - (ph[i].p_vaddr & ~(QM_getpagesize() - 1));
+    first = false;
+    out.add(base + ph[i].p_vaddr, base + ph[i].p_vaddr + ph[i].p_memsz);
+  }
+}
+
 void add_images(Ranges& out) {
+  add_agent_image(out);
   for (const link_map* m = _r_debug.r_map; m != nullptr; m = m->l_next) {
     out.add(reinterpret_cast<uintptr_t>(m), reinterpret_cast<uintptr_t>(m) + 1024);
     // Each image's dynamic section (read-only after relocation, so not

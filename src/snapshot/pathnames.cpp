@@ -9,14 +9,12 @@ constexpr const char kLwcoreDefault[] = "%b-%h-%8p-%6q.lwmem";
 constexpr int kLwmdbgDefaultLen = sizeof kLwmdbgDefault - 1;
 constexpr int kLwcoreDefaultLen = sizeof kLwcoreDefault - 1;
 
+// A template as a debugger reads it: the text, NUL-terminated, in a buffer
+// of the longest length allowed; its length is kept beside it.
 struct Specifier {
-  char text[kMax + 1];
+  char* text;
   int len;
 };
-
-constinit Specifier lwmdbg_specifier = {"%b-%h-%8p-%6q.lwmdbg", kLwmdbgDefaultLen};
-constinit Specifier lwcore_specifier = {"%b-%h-%8p-%6q.lwmem", kLwcoreDefaultLen};
-constinit const int max_length = kMax;
 
 int copy_out(const char* s, int slen, char* buffer, int len, int* specifier_len) {
   if (specifier_len != nullptr) *specifier_len = slen;
@@ -44,6 +42,20 @@ int store(Specifier& sp, const char* s) {
 
 extern "C" {
 
+constinit char QM_HEAP_lwmdbg_pathname_specifier[kMax + 1] = "%b-%h-%8p-%6q.lwmdbg";
+constinit char QM_HEAP_lwcore_pathname_specifier[kMax + 1] = "%b-%h-%8p-%6q.lwmem";
+extern constinit const int QM_HEAP_lwmdbg_pathname_specifier_max_length = kMax;
+extern constinit const int QM_HEAP_lwcore_pathname_specifier_max_length = kMax;
+
+}  // extern "C"
+
+namespace {
+constinit Specifier lwmdbg_specifier = {QM_HEAP_lwmdbg_pathname_specifier, kLwmdbgDefaultLen};
+constinit Specifier lwcore_specifier = {QM_HEAP_lwcore_pathname_specifier, kLwcoreDefaultLen};
+}  // namespace
+
+extern "C" {
+
 int QM_HEAP_lwmdbg_get_pathname_specifier_default(char* buffer, int len, int* specifier_len) {
   return copy_out(kLwmdbgDefault, kLwmdbgDefaultLen, buffer, len, specifier_len);
 }
@@ -52,7 +64,9 @@ int QM_HEAP_lwmdbg_get_pathname_specifier(char* buffer, int len, int* specifier_
 }
 int QM_HEAP_lwmdbg_get_pathname_spaecifier_strlen() { return lwmdbg_specifier.len; }
 int QM_HEAP_lwmdbg_set_pathname_specifier(const char* specifier) { return store(lwmdbg_specifier, specifier); }
-const int* QM_HEAP_lwmdbg_get_pathname_specifier_max_length() { return &max_length; }
+const int* QM_HEAP_lwmdbg_get_pathname_specifier_max_length() {
+  return &QM_HEAP_lwmdbg_pathname_specifier_max_length;
+}
 
 int QM_HEAP_lwcore_get_pathname_specifier_default(char* buffer, int len, int* specifier_len) {
   return copy_out(kLwcoreDefault, kLwcoreDefaultLen, buffer, len, specifier_len);

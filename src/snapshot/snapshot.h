@@ -33,6 +33,11 @@ int QM_HEAP_lwmdbg_get_pathname_spaecifier_strlen();
 int QM_HEAP_lwmdbg_set_pathname_specifier(const char* specifier);
 const int* QM_HEAP_lwmdbg_get_pathname_specifier_max_length();
 
+extern char QM_HEAP_lwmdbg_pathname_specifier[];
+extern char QM_HEAP_lwcore_pathname_specifier[];
+extern const int QM_HEAP_lwmdbg_pathname_specifier_max_length;
+extern const int QM_HEAP_lwcore_pathname_specifier_max_length;
+
 int QM_HEAP_lwcore_get_pathname_specifier_default(char* buffer, int len, int* specifier_len);
 int QM_HEAP_lwcore_get_pathname_specifier(char* buffer, int len, int* specifier_len);
 int QM_HEAP_lwcore_set_pathname_specifier(const char* specifier);

@@ -1,6 +1,8 @@
 #include "threads/thread_utils.h"
 
 #include <dlfcn.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "base/assert.h"
 #include "base/export.h"
@@ -235,3 +237,11 @@ int QM_thread_register_atfork_forward(void (*prepare)(void), void (*parent)(void
 }
 
 }  // extern "C"
+
+bool qm::mutex_try_for_a_while(QM_pthread_mutex_t* m) {
+  for (int i = 0; i < 1000; ++i) {
+    if (mutex_trylock(m) == 0) return true;
+    syscall(SYS_sched_yield);
+  }
+  return false;
+}

@@ -165,4 +165,8 @@ inline int mutex_trylock(QM_pthread_mutex_t* m) {
 inline int mutex_unlock(QM_pthread_mutex_t* m) {
   return is_multi_threaded() && QM_thread_state.bound ? QM_thread_state.fns.mutex_unlock(m) : 0;
 }
+// A lock tried for a while (about a thousand yields), never waited for: for
+// a fault handler, and for a debugger's call into a stopped process, where
+// the holder may be stopped for good. True when taken.
+bool mutex_try_for_a_while(QM_pthread_mutex_t* m);
 }  // namespace qm

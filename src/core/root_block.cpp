@@ -283,6 +283,27 @@ QM_TD_RECORD(QM_td_enum_descriptor_t, TD_ENUM)
 QM_TD_RECORD(QM_td_record_field_descriptor_t, TD_FIELD)
 #define TD_RECORD(F) F(record_name) F(record_fields) F(nfields) F(sizeof_record)
 QM_TD_RECORD(QM_td_record_descriptor_t, TD_RECORD)
+#define META_ALIAS(F) F(sizeof_descriptor) F(offsetof_alias_name) F(offsetof_name_of_aliased_type)
+QM_TD_RECORD(QM_td_alias_type_meta_t, META_ALIAS)
+#define META_BASIC(F) F(sizeof_descriptor) F(offsetof_basic_type_name) F(offsetof_sizeof_basic_type)
+QM_TD_RECORD(QM_td_basic_type_meta_t, META_BASIC)
+#define META_ENUM_MEMBER(F) F(sizeof_descriptor) F(offsetof_tag_name) F(offsetof_value)
+QM_TD_RECORD(QM_td_enum_member_meta_t, META_ENUM_MEMBER)
+#define META_ENUM(F) \
+  F(sizeof_descriptor) F(offsetof_enum_name) F(offsetof_enum_members) F(offsetof_nmembers) F(offsetof_sizeof_val)
+QM_TD_RECORD(QM_td_enum_meta_t, META_ENUM)
+#define META_FIELD(F) F(sizeof_descriptor) F(offsetof_field_name) F(offsetof_field_type) F(offsetof_field_offset)
+QM_TD_RECORD(QM_td_record_field_meta_t, META_FIELD)
+#define META_RECORD(F) \
+  F(sizeof_descriptor) F(offsetof_record_name) F(offsetof_record_fields) F(offsetof_nfields) F(offsetof_sizeof_record)
+QM_TD_RECORD(QM_td_record_meta_t, META_RECORD)
+#define META_TABLE(F) \
+  F(major) F(minor) F(offsetof_alias_type) F(offsetof_basic_type) F(offsetof_enum_member) F(offsetof_enum_type) \
+  F(offsetof_record_field) F(offsetof_record_type) F(offsetof_type_entry_type_descriptor) \
+  F(offsetof_type_entry_descriptor) F(offsetof_type_table_descriptor) F(alias_type) F(basic_type) F(enum_member) \
+  F(enum_type) F(record_field) F(record_type) F(type_entry_type_descriptor) F(type_entry_descriptor) \
+  F(type_table_descriptor)
+QM_TD_RECORD(QM_td_meta_type_table_t, META_TABLE)
 #define TT_ENTRY(F) F(descriptor) F(entry_type)
 QM_TD_RECORD(td_tt_type_table_entry_t, TT_ENTRY)
 #define TT_TABLE(F) F(entries) F(nentries)
@@ -454,7 +475,10 @@ constinit const td_tt_type_table_entry_t descriptor_entries[] = {
     rec(td_QM_td_alias_type_descriptor_t), rec(td_QM_td_basic_type_descriptor_t),
     rec(td_QM_td_enum_member_descriptor_t), rec(td_QM_td_enum_descriptor_t),
     rec(td_QM_td_record_field_descriptor_t), rec(td_QM_td_record_descriptor_t),
-    enm(td_td_tt_entry_type_e), rec(td_td_tt_type_table_entry_t), rec(td_td_tt_type_table_t)};
+    enm(td_td_tt_entry_type_e), rec(td_td_tt_type_table_entry_t), rec(td_td_tt_type_table_t),
+    rec(td_QM_td_alias_type_meta_t), rec(td_QM_td_basic_type_meta_t), rec(td_QM_td_enum_member_meta_t),
+    rec(td_QM_td_enum_meta_t), rec(td_QM_td_record_field_meta_t), rec(td_QM_td_record_meta_t),
+    rec(td_QM_td_meta_type_table_t)};
 constinit const td_tt_type_table_entry_t data_table_entries[] = {
     enm(td_cd_data_table_entry_type_e), rec(td_cd_data_t), rec(td_cd_data_table_entry_t), rec(td_cd_data_table_t)};
 

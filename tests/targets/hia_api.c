@@ -168,9 +168,11 @@ static int probe(const char* core) {
 static int edges(void) {
   int index = -1, v = 99;
   const char* name = NULL;
-  printf("index guard_corruption %d %d\n", API(get_event_index)("guard_corruption", &index), index);
-  printf("index dealloc %d %d\n", API(get_event_index)("dealloc", &index), index);
-  printf("index double_dealloc %d %d\n", API(get_event_index)("double_dealloc", &index), index);
+  const char* names[] = {"guard_corruption", "dealloc", "double_dealloc"};
+  for (int i = 0; i < 3; ++i) {
+    int st = API(get_event_index)(names[i], &index);
+    printf("index %s %d %d\n", names[i], st, index);
+  }
   printf("index startup_config_done %d\n", API(get_event_index)("startup_config_done", &index));
   printf("index null %d\n", API(get_event_index)(NULL, &index));
   printf("name 37 %d\n", API(get_event_name)(37, &name));
@@ -186,14 +188,18 @@ static int edges(void) {
   printf("long specifier %d\n", API(set_lwmem_pathname_specifier)(big));
   char small[4];
   int len = -1;
-  printf("small buffer %d %d\n", API(get_lwmem_pathname_specifier)(small, sizeof small, &len), len);
+  int st = API(get_lwmem_pathname_specifier)(small, sizeof small, &len);
+  printf("small buffer %d %d\n", st, len);
   int found = -1, hoard = -1;
   char local;
-  printf("unknown block %d %d\n", API(get_alloc_base_len)(&local, &found, NULL, NULL), found);
-  printf("unknown hoard %d %d\n", API(get_alloc_hoard_status)(&local, &hoard), hoard);
+  st = API(get_alloc_base_len)(&local, &found, NULL, NULL);
+  printf("unknown block %d %d\n", st, found);
+  st = API(get_alloc_hoard_status)(&local, &hoard);
+  printf("unknown hoard %d %d\n", st, hoard);
   printf("unknown set hoard %d\n", API(set_alloc_hoard_status)(&local, 1));
   int pre = -7;
-  printf("unknown guards %d %d\n", API(get_alloc_guard_settings)(&local, &pre, NULL, NULL, NULL), pre);
+  st = API(get_alloc_guard_settings)(&local, &pre, NULL, NULL, NULL);
+  printf("unknown guards %d %d\n", st, pre);
   return 0;
 }
 

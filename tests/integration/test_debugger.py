@@ -113,6 +113,16 @@ class RootBlockTest(unittest.TestCase):
         if self.probe.live is not None:
             yield "live process", self.probe.live
 
+    @unittest.skipUnless(NATIVE, "the live process is the emulator's: its memory holds the program at another address")
+    def test_the_live_process_reads_as_its_lightweight_core(self):
+        live, core = self.probe.live, self.probe.from_core
+        self.assertEqual(live["root"], core["root"])
+        self.assertEqual(live["types"], core["types"])
+        # The settings; the tables and counters moved on as the probe printed.
+        def settings(res):
+            return {k: v for k, v in res["data"].items() if not isinstance(v, dict) and "hoard_" not in k}
+        self.assertEqual(settings(live), settings(core))
+
     def test_the_header_and_the_descriptor_layouts(self):
         psz = 8 if is_64() else 4
         for where, res in self.views():

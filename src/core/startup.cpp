@@ -8,6 +8,7 @@
 #include "core/entry.h"
 #include "core/owners.h"
 #include "events/events.h"
+#include "propagate/preloading.h"
 #include "events/output.h"
 #include "redzone/rz_allocator.h"
 #include "snapshot/snapshot.h"
@@ -76,6 +77,7 @@ int do_init_phase_01() {
     done_init_phase_01 = QM_HEAP_may_read_runtime_config();
     if (!done_init_phase_01) return 0;
     QM_HEAP_read_runtime_config();
+    QM_execve_remember_environment();
     if (QM_HEAP_get_verbosity() > 1 || QM_HEAP_co_is_emit_for_key(co_announce_starting))
       QM_HEAP_printf("STARTING malloc interposition (version %d.%03d)\n", QM_HEAP_version_major,
                      QM_HEAP_version_minor);

@@ -54,8 +54,10 @@ constexpr size_t kStackEnvironment = 16384;
 // envp, and returns its result with errno as it left it.
 template <class Start>
 int with_environment(char* const* envp, program_model_e pm, Start start) {
+  char* own[96];
+  qm::own_environment(environ, own, 96);
   qm::EnvironmentPlan plan;
-  qm::plan_environment(environ, envp, pm, &plan);
+  qm::plan_environment(own, envp, pm, &plan);
   if (plan.size == 0) return start(envp);
   if (plan.size <= kStackEnvironment) return start(qm::build_environment(plan, __builtin_alloca(plan.size)));
   const size_t len = QM_pagesize_ceil(plan.size);

@@ -214,7 +214,45 @@ const char* QM_HEAP_get_hia_name(program_model_e pm) {
 
 const char* QM_HEAP_get_hia_name_self() { return QM_HEAP_get_hia_name(QM_pm_self_get_program_model()); }
 
+// --- the environment at start-up ------------------------------------------------------
+
+namespace {
+constexpr int kRemembered = 40;
+constinit char remembered_text[16384];
+constinit char* remembered[kRemembered + 1] = {};
+
+bool wanted(const char* entry, int n) {
+  return (n == kPreloadVarLen && strncmp(entry, kPreloadVar, kPreloadVarLen) == 0) ||
+         QM_execve_env_var_is_registered_for_propagation(entry, n);
+}
+}  // namespace
+
+void QM_execve_remember_environment() {
+  size_t used = 0;
+  int k = 0;
+  for (int i = 0; environ != nullptr && environ[i] != nullptr && k < kRemembered; ++i) {
+    const int n = name_len(environ[i]);
+    const size_t len = strlen(environ[i]) + 1;
+    if (n <= 0 || !wanted(environ[i], n) || used + len > sizeof remembered_text) continue;
+    memcpy(remembered_text + used, environ[i], len);
+    remembered[k++] = remembered_text + used;
+    used += len;
+  }
+  remembered[k] = nullptr;
+}
+
 }  // extern "C"
+
+void qm::own_environment(char* const* now, char** out, int cap) {
+  int k = 0;
+  for (int i = 0; now != nullptr && now[i] != nullptr && k < cap - 1; ++i) {
+    const int n = name_len(now[i]);
+    if (n > 0 && wanted(now[i], n)) out[k++] = now[i];
+  }
+  for (int i = 0; remembered[i] != nullptr && k < cap - 1; ++i)
+    if (QM_env_find_index_of_definition(remembered[i], name_len(remembered[i]), now) < 0) out[k++] = remembered[i];
+  out[k] = nullptr;
+}
 
 void qm::plan_environment(char* const* own, char* const* envp, program_model_e new_pm, EnvironmentPlan* p) {
   *p = EnvironmentPlan{};
@@ -224,7 +262,7 @@ void qm::plan_environment(char* const* own, char* const* envp, program_model_e n
   p->preload_index = QM_env_find_index_of_definition(kPreloadVar, kPreloadVarLen, envp);
 
   // Registered variables of our own that the new environment lacks.
-  if (QM_HEAP_execve_env_var_auto_propagate && envp != own)
+  if (QM_HEAP_execve_env_var_auto_propagate)
     for (int i = 0; own != nullptr && own[i] != nullptr; ++i) {
       const int n = name_len(own[i]);
       if (n > 0 && QM_execve_env_var_is_registered_for_propagation(own[i], n) &&

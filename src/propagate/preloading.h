@@ -45,6 +45,12 @@ extern volatile int QM_HEAP_execve_env_var_auto_propagate;
 int QM_HEAP_execve_env_var_get_auto_propagate();
 int QM_HEAP_execve_env_var_set_auto_propagate(int bool_val);
 
+// Remembers, in the agent's own storage, the preload entry and the
+// registered variables of the environment as the agent starts: a program
+// that empties its own environment later (clearenv, perl's local %ENV) still
+// hands them on. Called once at start-up.
+void QM_execve_remember_environment();
+
 // The index of the entry that defines exactly name (len characters, then
 // "="), or -1.
 int QM_env_find_index_of_definition(const char* name, int len, char* const* envp);
@@ -71,7 +77,15 @@ struct EnvironmentPlan {
   size_t size;          // of the block build_environment fills; 0: envp as it is
 };
 
+// The process's environment as far as a new program's needs it, into out
+// (cap pointers, null-terminated): the preload entry and the registered
+// variables of environ, and those remembered at start-up that environ no
+// longer defines.
+void own_environment(char* const* environ_now, char** out, int cap);
+
 // Plans the new environment; plan->size is 0 when envp serves unchanged.
+// Registered variables of own that envp lacks are added (none when envp is
+// own's source and nothing was lost since start-up).
 void plan_environment(char* const* own, char* const* envp, program_model_e new_pm, EnvironmentPlan* plan);
 // Builds it into block (plan.size bytes) and returns it.
 char** build_environment(const EnvironmentPlan& plan, void* block);

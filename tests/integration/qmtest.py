@@ -86,7 +86,7 @@ def gdb_at_event(event, settings, commands, argv):
 # The agent's start-up and shut-down lines at verbosity 2, which every run prints.
 FRAME = ("QM_HEAP:  STARTING", "QM_HEAP:  QM distribution", "QM_HEAP:  FINISHING",
          "QM_HEAP:               : finished processing startup configuration",
-         "QM_HEAP:  finalizer    : process termination")
+         "QM_HEAP:  finalizer    : process termination", "QM_HEAP:  DEEPBIND (or equivalent) ")
 
 
 def without_frame(text):

@@ -73,7 +73,7 @@ typedef enum QM_HEAP_event_fields_e {
 
 typedef unsigned int event_fields_bitmask_t;
 
-enum { QM_HEAP_NUM_EVENT_FILTERS = 40 };
+enum { QM_HEAP_NUM_EVENT_FILTERS = 41 };
 typedef volatile int event_filters_t[QM_HEAP_NUM_EVENT_FILTERS];
 
 typedef struct event_config_name_mapping_t {

@@ -34,7 +34,12 @@ typedef enum QM_HEAP_heap_op_e {
   qm_heap_op_malloc_zone_batch_malloc = 23,
   qm_heap_op_malloc_zone_from_ptr = 24,
   qm_heap_op_malloc_size = 25,
-  qm_heap_op_rz_signal = 26
+  qm_heap_op_rz_signal = 26,
+  /* Extensions: the C++ allocation functions. */
+  qm_heap_op_new = 27,
+  qm_heap_op_new_array = 28,
+  qm_heap_op_delete = 29,
+  qm_heap_op_delete_array = 30
 } QM_HEAP_heap_op_e;
 
 typedef enum QM_HEAP_event_e {
@@ -78,7 +83,11 @@ typedef enum QM_HEAP_event_e {
   qm_heap_event_rz_use_after_free_underrun = 37,
   qm_heap_event_rz_use_after_free_overrun = 38,
   qm_heap_event_autoshrink_threshold = 39,
-  qm_heap_event_avoid_trailing_comma_misery = 40
+  /* Extension: a block released by a function of another family than the
+   * one that made it (free of new, delete of new[], ...), or by a sized
+   * delete whose size is not the block's. */
+  qm_heap_event_dealloc_mismatch = 40,
+  qm_heap_event_avoid_trailing_comma_misery = 41
 } QM_HEAP_event_e;
 
 typedef int allocator_id_t;

@@ -26,6 +26,17 @@ typedef enum QM_HEAP_alloc_flags_e {
   af_hoarded = 32
 } QM_HEAP_alloc_flags_e;
 
+/* Extension: which family of functions made a block, in flags bits the
+ * defined flags leave free; none of them for the C functions. A block must
+ * be released by its own family: free and realloc for the C functions,
+ * delete for new, delete[] for new[], the aligned forms for aligned ones. */
+typedef enum QM_HEAP_alloc_kind_e {
+  af_kind_new = 64,
+  af_kind_new_array = 128,
+  af_kind_aligned = 256,
+  af_kind_mask = 64 | 128 | 256
+} QM_HEAP_alloc_kind_e;
+
 typedef struct allocation_record_t {
   void* addr;          /* payload start (released range start in the deallocation table) */
   size_t len;          /* requested (or released) length */

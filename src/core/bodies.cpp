@@ -503,6 +503,7 @@ struct NewBlock {
   guard_id_t guard_id = 0;
   guard_size_t pre_size = 0;
   guard_size_t post_size = 0;
+  int flags = 0;  // the family that made it (QM_HEAP_alloc_kind_e)
 };
 
 // Live records that the new block [addr, addr + len) overlaps: the one that
@@ -562,7 +563,7 @@ void record_new_block(const NewBlock& b, EventQueue& q) {
   rec.len = b.len;
   rec.backtrace_id = b.backtrace_id;
   rec.thread_id = QM_pthread_self();
-  rec.flags = 0;
+  rec.flags = b.flags;
   rec.org_addr = b.original != nullptr ? b.original->org_addr : b.addr;
   rec.org_len = b.original != nullptr ? b.original->org_len : b.len;
   rec.org_backtrace_id = b.original != nullptr ? b.original->org_backtrace_id : b.backtrace_id;
@@ -615,6 +616,7 @@ void* allocation_body(op_body_arg_t* a, QM_HEAP_heap_op_e op, size_t len, size_t
                       void* (*call)(allocator_t*, owner_t*, size_t, size_t, size_t), size_t x, size_t y,
                       bool bad_argument, size_t unit = 1, painting_op_e ptop = ptop_isnt_zeroed_alloc,
                       bool guardable = true) {
+  if (a->kind != 0) op = a->op;  // new and new[] report as themselves
   owner_t* owner = a->owner;
   allocator_t* al = choose_allocator(owner, len);
   if (QM_UNLIKELY(QM_HEAP_guard_check_on_entry)) check_all_guards(op);
@@ -634,6 +636,7 @@ void* allocation_body(op_body_arg_t* a, QM_HEAP_heap_op_e op, size_t len, size_t
   void* p = base != nullptr ? static_cast<char*>(base) + gs.pre_size : nullptr;
   NewBlock b = {op, p, len, alloc_len, bad_argument ? 0 : expected_alignment_of(al, alignment), owner, al,
                 QM_HEAP_op_backtrace_id, nullptr};
+  b.flags = a->kind;
   bool errors = record_allocation(b, gs, ptop) || bad_argument;
   inc_op_count(counts_of(op), 1, 1, errors);
   if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(op);
@@ -648,11 +651,11 @@ void raise_bad_alignment(QM_HEAP_heap_op_e op, size_t alignment) {
   QM_HEAP_notify_event(&e);
 }
 
-// A pointer that starts no live block. A released block that starts there
-// makes it a double release; otherwise a block the allocator made where the
-// agent does not look (aligned_alloc and the like) is passed on silently; an
-// address inside a released range is a double release too, and anything else
-// was never allocated. True when an event was raised.
+// A pointer that starts no live block: inside a released range (or at its
+// start) it is a double release; anything else was never handed out. Every
+// way a program can get a block passes through the agent, so there is no
+// block it has not seen, and nothing but its own tables is read. True when
+// an event was raised.
 bool check_unknown_address(QM_HEAP_heap_op_e op, const void* p, size_t len, QM_HEAP_event_e claim_event,
                            const allocation_record_t& found) {
   QM_HEAP_event_info_t e = {};
@@ -664,7 +667,6 @@ bool check_unknown_address(QM_HEAP_heap_op_e op, const void* p, size_t len, QM_H
     QM_HEAP_ht_alloc_read_lock();
     alloc_rec_id_t did = QM_HEAP_lookup_deallocation_record(p, &d, non_exact);
     QM_HEAP_ht_alloc_read_unlock();
-    if ((did == nullptr || d.addr != p) && QM_HEAP_is_foreign_live_block(p)) return false;
     if (did != nullptr) {
       e.event = qm_heap_event_double_dealloc;
       e.allocation_record = d;
@@ -697,10 +699,27 @@ void raise_record_event(QM_HEAP_event_e ev, QM_HEAP_heap_op_e op, const allocati
   QM_HEAP_notify_event(&e);
 }
 
-// The rights check, the block's own notifications.
+// A block released by a function of another family than the one that made
+// it, or by a sized delete that names another length.
+inline bool release_mismatch(const op_body_arg_t* a, const allocation_record_t& rec) {
+  return (rec.flags & af_kind_mask) != a->kind || (a->sized_len != SIZE_MAX && a->sized_len != rec.len);
+}
+
+// The rights check, the family check, the block's own notifications.
 bool check_claimed_block(op_body_arg_t* a, const allocation_record_t& rec, owner_rights_e right, size_t new_len,
                          bool releasing) {
   bool errors = false;
+  if (QM_UNLIKELY(release_mismatch(a, rec))) {
+    QM_HEAP_event_info_t e = {};
+    e.event = qm_heap_event_dealloc_mismatch;
+    e.op = a->op;
+    e.addr = rec.addr;
+    e.allocation_record = rec;
+    e.len = a->sized_len != SIZE_MAX ? a->sized_len : 0;
+    e.alignment = a->alignment;
+    QM_HEAP_notify_event(&e);
+    errors = true;
+  }
   owner_t* rec_owner = QM_HEAP_om_get_owner(rec.owner_id);
   if (rec_owner != nullptr && !rec_owner->funcs->has_rights(rec_owner, a->owner, right)) {
     QM_HEAP_event_info_t e = {};
@@ -782,8 +801,18 @@ void* malloc_body(op_body_arg_t* a, size_t len) {
 void* calloc_body(op_body_arg_t* a, size_t nelems, size_t sizeof_elem) {
   OpBacktrace bt;
   size_t len;
-  // A product that does not fit goes to the allocator as asked (it fails).
-  const bool fits = !__builtin_mul_overflow(nelems, sizeof_elem, &len);
+  // A product that does not fit fails as the C library's calloc fails, and
+  // is reported as the request it stands for: more than can be addressed.
+  if (__builtin_mul_overflow(nelems, sizeof_elem, &len)) {
+    QM_HEAP_event_info_t e = {};
+    e.event = qm_heap_event_alloc_null;
+    e.op = qm_heap_op_calloc;
+    e.len = SIZE_MAX;
+    QM_HEAP_notify_event(&e);
+    inc_op_count(&QM_HEAP_calloc_op_counts, 1, 1, 1);
+    errno = ENOMEM;
+    return nullptr;
+  }
   // With guards the allocator zeroes the guarded length: in elements when the
   // guards keep it a multiple of the element size, else in bytes.
   return allocation_body(
@@ -793,7 +822,7 @@ void* calloc_body(op_body_arg_t* a, size_t nelems, size_t sizeof_elem) {
         if (s != 0 && total % s == 0) return al->funcs->calloc(al, o, total / s, s);
         return al->funcs->calloc(al, o, total, 1);
       },
-      nelems, sizeof_elem, false, sizeof_elem, ptop_is_zeroed_alloc, fits);
+      nelems, sizeof_elem, false, sizeof_elem, ptop_is_zeroed_alloc);
 }
 
 void* valloc_body(op_body_arg_t* a, size_t len) {
@@ -842,7 +871,7 @@ int posix_memalign_body(op_body_arg_t* a, void** memptr, size_t alignment, size_
     if (base != nullptr) r = 0;
   }
   if (r == EINVAL && !bad) QM_HEAP_printf("posix_memalign returned EINVAL but this should have been caught earlier\n");
-  else if (r != 0 && r != EINVAL && r != ENOMEM) QM_HEAP_printf("posix_memalign returned %d\n", r);
+  else if (r != 0 && r != EINVAL) QM_HEAP_printf("posix_memalign returned %d\n", r);
   bool errors = bad;
   void* p = r == 0 ? static_cast<char*>(base) + gs.pre_size : nullptr;
   if (r == 0 || r == ENOMEM) {
@@ -858,10 +887,12 @@ int posix_memalign_body(op_body_arg_t* a, void** memptr, size_t alignment, size_
 
 void free_body(op_body_arg_t* a, void* p) {
   owner_t* owner = a->owner;
-  if (QM_UNLIKELY(QM_HEAP_guard_check_on_entry)) check_all_guards(qm_heap_op_free);
+  // delete and delete[] report as themselves.
+  const QM_HEAP_heap_op_e op = a->kind != 0 ? a->op : qm_heap_op_free;
+  if (QM_UNLIKELY(QM_HEAP_guard_check_on_entry)) check_all_guards(op);
   if (p == nullptr) {
     inc_op_count(&QM_HEAP_free_op_counts, 1, 1, 0);
-    if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(qm_heap_op_free);
+    if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(op);
     return;
   }
   OpBacktrace bt;
@@ -874,15 +905,15 @@ void free_body(op_body_arg_t* a, void* p) {
   EventQueue q;
   bool retired = false, gone = false, hoarded = false;
   QM_HEAP_ht_alloc_write_lock();
-  alloc_rec_id_t id = claim_alloc_rec(p, &rec, &claim_event, qm_heap_op_free);
-  if (id != nullptr && releases_quietly(a, rec) && !protection_on_release(rec)) {
-    gone = !retire_claimed_record(id, rec, qm_heap_op_free, "free_body", q, true);
+  alloc_rec_id_t id = claim_alloc_rec(p, &rec, &claim_event, op);
+  if (id != nullptr && releases_quietly(a, rec) && !protection_on_release(rec) && !release_mismatch(a, rec)) {
+    gone = !retire_claimed_record(id, rec, op, "free_body", q, true);
     retired = true;
   }
   QM_HEAP_ht_alloc_write_unlock();
 
   if (id == nullptr) {
-    bool errors = check_unknown_address(qm_heap_op_free, p, 0, claim_event, rec);
+    bool errors = check_unknown_address(op, p, 0, claim_event, rec);
     // A hoarded block is the hoard's to give back: a second release of it is
     // reported and goes no further.
     // Nor is a red-zone block's address (or one inside it) the C
@@ -894,7 +925,7 @@ void free_body(op_body_arg_t* a, void* p) {
       al->funcs->free(al, owner, p);
     }
     inc_op_count(&QM_HEAP_free_op_counts, 1, 1, errors);
-    if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(qm_heap_op_free);
+    if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(op);
     return;
   }
 
@@ -902,19 +933,19 @@ void free_body(op_body_arg_t* a, void* p) {
   guard_settings_t gs = settings_of(rec);
   if (!retired) {
     errors = check_claimed_block(a, rec, or_free, 0, true);
-    errors = check_block_guards(qm_heap_op_free, rec, gs) || errors;
+    errors = check_block_guards(op, rec, gs) || errors;
     const DeallocPaint paint = paint_on_deallocation(rec.addr, rec.len);
-    hoarded = retire_into_hoard(id, rec, qm_heap_op_free, "free_body", q, paint, &gone);
+    hoarded = retire_into_hoard(id, rec, op, "free_body", q, paint, &gone);
   }
   if (!hoarded) {
     allocator_t* al = allocator_of(rec, owner);
     CancelWindow w(a);
     al->funcs->free(al, owner, static_cast<char*>(rec.addr) - gs.pre_size);
   }
-  if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_free, rec);
+  if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, op, rec);
   errors = q.raise() || gone || errors;
   inc_op_count(&QM_HEAP_free_op_counts, 1, 1, errors);
-  if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(qm_heap_op_free);
+  if (QM_UNLIKELY(QM_HEAP_guard_check_on_exit)) check_all_guards(op);
 }
 
 // A resized block keeps its guards' geometry (its guard id never changes;
@@ -938,7 +969,7 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
   // A resize that raises nothing before the allocator's call keeps the lock
   // from the claim to the record's update: one critical section.
   const bool held = id != nullptr && len != 0 && (rec.flags & af_notify_realloc) == 0 && owns_quietly(a, rec) &&
-                    rec.guard_id == 0 && !QM_HEAP_paint_paint_on_deallocation;
+                    rec.guard_id == 0 && !QM_HEAP_paint_paint_on_deallocation && !release_mismatch(a, rec);
   if (!held) QM_HEAP_ht_alloc_write_unlock();
 
   if (id == nullptr) {
@@ -985,7 +1016,7 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
     void* r = nullptr;
     if (!hoarded) {
       CancelWindow w(a);
-      r = al->funcs->realloc(al, owner, base, 0);
+      al->funcs->free(al, owner, base);
     }
     if (gone) raise_record_event(qm_heap_event_alloc_deleted_during_op, qm_heap_op_realloc, rec);
     errors = q.raise() || gone || errors;
@@ -1045,8 +1076,9 @@ void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len) {
       QM_HEAP_clear_alloc_flags_by_id(again, af_op_in_progress);
       q.add(qm_heap_event_alloc_null, qm_heap_op_realloc).len = len;
     } else if (r == rec.addr) {
+      // A block resized in place is realloc's now, whoever made it.
       if (QM_HEAP_set_alloc_control_info_by_id(again, nullptr) != 0 ||
-          QM_HEAP_clear_alloc_flags_by_id(again, af_op_in_progress) != 0 ||
+          QM_HEAP_clear_alloc_flags_by_id(again, af_op_in_progress | static_cast<int>(af_kind_mask)) != 0 ||
           QM_HEAP_set_alloc_len_by_id(again, len) != 0)
         q.add_record(qm_heap_event_modification_error, qm_heap_op_realloc, current);
       if (len > current.len) {

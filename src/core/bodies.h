@@ -44,8 +44,4 @@ int posix_memalign_body(op_body_arg_t* a, void** memptr, size_t alignment, size_
 void* realloc_body(op_body_arg_t* a, void* old_addr, size_t len);
 void free_body(op_body_arg_t* a, void* p);
 
-// Whether p looks like a live block of the C library's allocator that the
-// agent never saw being made (aligned_alloc, pvalloc and the like hand
-// blocks out without passing through the agent). Reads only mapped memory.
-int QM_HEAP_is_foreign_live_block(const void* p);
 }

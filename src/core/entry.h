@@ -23,6 +23,13 @@ typedef struct op_body_arg_t {
   reentry_info_t* rp;
   int num_times_entered;
   caller_state_info_t caller_info;
+  // The family of the call (QM_HEAP_alloc_kind_e bits; 0 for the C
+  // functions): a new block is recorded with it, a released one must have
+  // it. A sized delete names the block's length (SIZE_MAX: none); an
+  // aligned new or delete its alignment.
+  int kind;
+  size_t sized_len;
+  size_t alignment;
 } op_body_arg_t;
 
 // First entry: local gets allow_reentry 0 and wants a cancellation clean-up

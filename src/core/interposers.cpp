@@ -3,11 +3,14 @@
 // Kept in a translation unit of its own so that the rest of the agent can be
 // linked into an ordinary test program without replacing its heap.
 #include <dlfcn.h>
+#include <errno.h>
+#include <stdint.h>
 #include <malloc.h>
 #include <stdlib.h>
 
 #include "backtrace/backtrace_heap.h"
 #include "base/export.h"
+#include "base/page.h"
 #include "core/binding.h"
 #include "core/bodies.h"
 #include "core/entry.h"
@@ -42,16 +45,28 @@ inline void check_interposers_initialized(const char* /*op*/) {
   if (QM_UNLIKELY(!malloc_interposers_initialized)) do_initialization();
 }
 
-// The entry protocol shared by all seven interposers. body runs the operation
+// The family of a call: the C functions, or one of the C++ forms (with the
+// length a sized delete names and the alignment an aligned form names).
+struct Family {
+  int kind = 0;
+  size_t sized_len = SIZE_MAX;
+  size_t alignment = 0;
+};
+
+// The entry protocol shared by all interposers. body runs the operation
 // with bookkeeping; direct serves a nested call straight from the allocator.
 template <typename Body, typename Direct>
-__attribute__((noinline)) auto enter(QM_HEAP_heap_op_e op, const char* name, Body body, Direct direct) {
+__attribute__((noinline)) auto enter(QM_HEAP_heap_op_e op, const char* name, Body body, Direct direct,
+                                     Family family = {}) {
   check_interposers_initialized(name);
   owner_t* owner = qm::as_owner(QM_HEAP_c_owner_get_instance());
   reentry_info_t local;
   op_body_arg_t a;
   a.op = op;
   a.owner = owner;
+  a.kind = family.kind;
+  a.sized_len = family.sized_len;
+  a.alignment = family.alignment;
   a.rp = &local;
   a.num_times_entered = QM_enter_ia(reinterpret_cast<void**>(&a.rp));
   qm::setup_reentry_info(&a, &local);
@@ -164,6 +179,32 @@ QM_ALWAYS_INLINE inline void* valloc_op(size_t len) {
                [&](allocator_t* al, owner_t* o) { return al->funcs->valloc(al, o, len); });
 }
 
+// The C++ allocation functions: new runs the malloc (or, aligned, the
+// memalign) body and records the block's family; delete runs the free body,
+// which checks it.
+QM_ALWAYS_INLINE inline void* new_op(QM_HEAP_heap_op_e op, size_t len, Family f) {
+  QM_CALLER_FRAME;
+  if (f.alignment == 0)
+    return enter(op, "new", [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return malloc_body(a, len); },
+                 [&](allocator_t* al, owner_t* o) { return al->funcs->malloc(al, o, len); }, f);
+  return enter(op, "new", [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return memalign_body(a, f.alignment, len); },
+               [&](allocator_t* al, owner_t* o) { return al->funcs->memalign(al, o, f.alignment, len); }, f);
+}
+
+QM_ALWAYS_INLINE inline void delete_op(QM_HEAP_heap_op_e op, void* p, Family f) {
+  QM_CALLER_FRAME;
+  enter(op, "delete",
+        [&](op_body_arg_t* a) QM_ALWAYS_INLINE {
+          free_body(a, p);
+          return Void{};
+        },
+        [&](allocator_t* al, owner_t* o) {
+          al->funcs->free(al, o, p);
+          return Void{};
+        },
+        f);
+}
+
 }  // namespace
 
 extern "C" {
@@ -265,4 +306,158 @@ QM_EXPORT size_t malloc_usable_size(void* p) noexcept {
   return f(p);
 }
 
+// --- beyond the seven: every other way into the C library's allocator -------------
+// glibc serves these without passing through the seven exported functions,
+// so each goes through the body of its nearest relative here.
+
+QM_EXPORT void* aligned_alloc(size_t alignment, size_t size) noexcept {
+  if (QM_UNLIKELY(QM_HEAP_org_memalign == nullptr) &&
+      !init_malloc_wrappers_and_assert_function_was_found("memalign", reinterpret_cast<void**>(&QM_HEAP_org_memalign)))
+    return nullptr;
+  return keep_frame(memalign_op(alignment, size));
+}
+
+// A valloc of whole pages (one for a length of 0).
+QM_EXPORT void* pvalloc(size_t size) noexcept {
+  if (QM_UNLIKELY(QM_HEAP_org_valloc == nullptr) &&
+      !init_malloc_wrappers_and_assert_function_was_found("valloc", reinterpret_cast<void**>(&QM_HEAP_org_valloc)))
+    return nullptr;
+  const size_t page = QM_getpagesize();
+  if (size > SIZE_MAX - page) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return keep_frame(valloc_op(size == 0 ? page : (size + page - 1) & ~(page - 1)));
+}
+
+QM_EXPORT void* reallocarray(void* p, size_t n, size_t size) noexcept {
+  size_t len;
+  if (__builtin_mul_overflow(n, size, &len)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  if (QM_UNLIKELY(QM_HEAP_org_realloc == nullptr) &&
+      !init_malloc_wrappers_and_assert_function_was_found("realloc", reinterpret_cast<void**>(&QM_HEAP_org_realloc)))
+    return nullptr;
+  return keep_frame(realloc_op(p, len));
+}
+
+// The C library's own names for the seven, which programs may call.
+QM_EXPORT void* __libc_malloc(size_t size) noexcept { return keep_frame(malloc(size)); }
+QM_EXPORT void __libc_free(void* p) noexcept {
+  free(p);
+  __asm__ volatile("" ::: "memory");
+}
+QM_EXPORT void cfree(void* p) noexcept {
+  free(p);
+  __asm__ volatile("" ::: "memory");
+}
+QM_EXPORT void* __libc_calloc(size_t n, size_t size) noexcept { return keep_frame(calloc(n, size)); }
+QM_EXPORT void* __libc_realloc(void* p, size_t size) noexcept { return keep_frame(realloc(p, size)); }
+QM_EXPORT void* __libc_memalign(size_t alignment, size_t size) noexcept {
+  return keep_frame(memalign(alignment, size));
+}
+QM_EXPORT void* __libc_valloc(size_t size) noexcept { return keep_frame(valloc(size)); }
+QM_EXPORT void* __libc_pvalloc(size_t size) noexcept { return keep_frame(pvalloc(size)); }
+
 }  // extern "C"
+
+// --- C++ ----------------------------------------------------------------------------------
+// Defined under their mangled names, so that nothing of the C++ runtime is
+// needed: std::size_t is unsigned long ("m") on x86-64 and unsigned int
+// ("j") on i386; nothrow_t is only passed on, align_val_t is a size_t.
+#if defined(__x86_64__)
+#define QM_SZ "m"
+#else
+#define QM_SZ "j"
+#endif
+#define QM_NOTHROW "RKSt9nothrow_t"
+#define QM_ALIGN "St11align_val_t"
+
+namespace {
+
+// A new that could not be served: the C++ runtime's own runs the program's
+// new handler and throws std::bad_alloc (or, nothrow, returns null). What it
+// returns came through malloc or aligned_alloc, and is marked as new's.
+template <typename Fn, typename... Args>
+void* new_failed(const char* name, int kind, Args... args) {
+  Fn real = reinterpret_cast<Fn>(QM_IA_dlsym(RTLD_NEXT, name));
+  if (real == nullptr) return nullptr;
+  void* p = real(args...);
+  if (p != nullptr) {
+    QM_HEAP_ht_alloc_write_lock();
+    alloc_rec_id_t id = QM_HEAP_lookup_allocation_record(p, nullptr, exact);
+    if (id != nullptr) QM_HEAP_set_alloc_flags_by_id(id, kind);
+    QM_HEAP_ht_alloc_write_unlock();
+  }
+  return p;
+}
+
+inline bool bound_for_cxx() {
+  return QM_LIKELY(QM_HEAP_org_malloc != nullptr && QM_HEAP_org_free != nullptr) ||
+         (init_malloc_wrappers_and_assert_function_was_found("malloc", reinterpret_cast<void**>(&QM_HEAP_org_malloc)) &&
+          init_malloc_wrappers_and_assert_function_was_found("free", reinterpret_cast<void**>(&QM_HEAP_org_free)));
+}
+
+}  // namespace
+
+// new, new[], each plain, nothrow, aligned, aligned nothrow.
+#define QM_DEFINE_NEW(fn, mangled, op, kind)                                                      \
+  extern "C" QM_EXPORT void* fn(size_t size) __asm__(mangled);                                   \
+  void* fn(size_t size) {                                                                        \
+    void* p = bound_for_cxx() ? keep_frame(new_op(op, size, Family{kind})) : nullptr;             \
+    return p != nullptr ? p : new_failed<void* (*)(size_t)>(mangled, kind, size);                \
+  }                                                                                              \
+  extern "C" QM_EXPORT void* fn##_nothrow(size_t size, const void* nt) __asm__(mangled QM_NOTHROW); \
+  void* fn##_nothrow(size_t size, const void* nt) {                                              \
+    void* p = bound_for_cxx() ? keep_frame(new_op(op, size, Family{kind})) : nullptr;             \
+    return p != nullptr ? p : new_failed<void* (*)(size_t, const void*)>(mangled QM_NOTHROW, kind, size, nt); \
+  }                                                                                              \
+  extern "C" QM_EXPORT void* fn##_aligned(size_t size, size_t al) __asm__(mangled QM_ALIGN);     \
+  void* fn##_aligned(size_t size, size_t al) {                                                   \
+    void* p = bound_for_cxx()                                                                    \
+                  ? keep_frame(new_op(op, size, Family{kind | af_kind_aligned, SIZE_MAX, al}))   \
+                  : nullptr;                                                                     \
+    return p != nullptr ? p                                                                      \
+                        : new_failed<void* (*)(size_t, size_t)>(mangled QM_ALIGN, kind | af_kind_aligned, size, al); \
+  }                                                                                              \
+  extern "C" QM_EXPORT void* fn##_aligned_nothrow(size_t size, size_t al, const void* nt)        \
+      __asm__(mangled QM_ALIGN QM_NOTHROW);                                                      \
+  void* fn##_aligned_nothrow(size_t size, size_t al, const void* nt) {                           \
+    void* p = bound_for_cxx()                                                                    \
+                  ? keep_frame(new_op(op, size, Family{kind | af_kind_aligned, SIZE_MAX, al}))   \
+                  : nullptr;                                                                     \
+    return p != nullptr ? p                                                                      \
+                        : new_failed<void* (*)(size_t, size_t, const void*)>(                    \
+                              mangled QM_ALIGN QM_NOTHROW, kind | af_kind_aligned, size, al, nt); \
+  }
+
+QM_DEFINE_NEW(qm_operator_new, "_Znw" QM_SZ, qm_heap_op_new, af_kind_new)
+QM_DEFINE_NEW(qm_operator_new_array, "_Zna" QM_SZ, qm_heap_op_new_array, af_kind_new_array)
+
+// delete, delete[], each plain, sized, nothrow, aligned, sized aligned,
+// aligned nothrow.
+#define QM_DELETE_BODY(op, family)                  \
+  {                                                 \
+    if (bound_for_cxx()) delete_op(op, p, family);  \
+    __asm__ volatile("" ::: "memory");              \
+  }
+#define QM_DEFINE_DELETE(fn, mangled, op, kind)                                                        \
+  extern "C" QM_EXPORT void fn(void* p) __asm__(mangled);                                             \
+  void fn(void* p) QM_DELETE_BODY(op, Family{kind})                                                   \
+  extern "C" QM_EXPORT void fn##_sized(void* p, size_t size) __asm__(mangled QM_SZ);                  \
+  void fn##_sized(void* p, size_t size) QM_DELETE_BODY(op, (Family{kind, size}))                      \
+  extern "C" QM_EXPORT void fn##_nothrow(void* p, const void*) __asm__(mangled QM_NOTHROW);           \
+  void fn##_nothrow(void* p, const void*) QM_DELETE_BODY(op, Family{kind})                            \
+  extern "C" QM_EXPORT void fn##_aligned(void* p, size_t al) __asm__(mangled QM_ALIGN);               \
+  void fn##_aligned(void* p, size_t al) QM_DELETE_BODY(op, (Family{kind | af_kind_aligned, SIZE_MAX, al})) \
+  extern "C" QM_EXPORT void fn##_sized_aligned(void* p, size_t size, size_t al) __asm__(mangled QM_SZ QM_ALIGN); \
+  void fn##_sized_aligned(void* p, size_t size, size_t al)                                            \
+      QM_DELETE_BODY(op, (Family{kind | af_kind_aligned, size, al}))                                  \
+  extern "C" QM_EXPORT void fn##_aligned_nothrow(void* p, size_t al, const void*)                     \
+      __asm__(mangled QM_ALIGN QM_NOTHROW);                                                           \
+  void fn##_aligned_nothrow(void* p, size_t al, const void*)                                          \
+      QM_DELETE_BODY(op, (Family{kind | af_kind_aligned, SIZE_MAX, al}))
+
+QM_DEFINE_DELETE(qm_operator_delete, "_ZdlPv", qm_heap_op_delete, af_kind_new)
+QM_DEFINE_DELETE(qm_operator_delete_array, "_ZdaPv", qm_heap_op_delete_array, af_kind_new_array)

@@ -345,6 +345,8 @@ constexpr bool dense(const QM_td_enum_member_descriptor_t (&m)[N]) {
   M(af_op_in_progress) M(af_notify_dealloc) M(af_notify_realloc) M(af_paint_on_dealloc) \
   M(af_dont_free_on_dealloc) M(af_hoarded)
 QM_TD_ENUM(QM_HEAP_alloc_flags_e, ALLOC_FLAGS)
+#define ALLOC_KINDS(M) M(af_kind_new) M(af_kind_new_array) M(af_kind_aligned) M(af_kind_mask)
+QM_TD_ENUM(QM_HEAP_alloc_kind_e, ALLOC_KINDS)
 #define AVL_BALANCE(M) M(avl_left_high_e) M(avl_equal_high_e) M(avl_right_high_e)
 QM_TD_DENSE_ENUM(avl_balance_t, AVL_BALANCE, avl_right_high_e)
 
@@ -356,8 +358,9 @@ QM_TD_DENSE_ENUM(avl_balance_t, AVL_BALANCE, avl_right_high_e)
   M(qm_heap_op_malloc_zone_calloc) M(qm_heap_op_malloc_zone_free) M(qm_heap_op_malloc_zone_malloc) \
   M(qm_heap_op_malloc_zone_realloc) M(qm_heap_op_malloc_zone_valloc) M(qm_heap_op_malloc_zone_memalign) \
   M(qm_heap_op_malloc_zone_batch_free) M(qm_heap_op_malloc_zone_batch_malloc) \
-  M(qm_heap_op_malloc_zone_from_ptr) M(qm_heap_op_malloc_size) M(qm_heap_op_rz_signal)
-QM_TD_DENSE_ENUM(QM_HEAP_heap_op_e, HEAP_OPS, qm_heap_op_rz_signal)
+  M(qm_heap_op_malloc_zone_from_ptr) M(qm_heap_op_malloc_size) M(qm_heap_op_rz_signal) M(qm_heap_op_new) \
+  M(qm_heap_op_new_array) M(qm_heap_op_delete) M(qm_heap_op_delete_array)
+QM_TD_DENSE_ENUM(QM_HEAP_heap_op_e, HEAP_OPS, qm_heap_op_delete_array)
 
 #define EVENTS(M) \
   M(qm_heap_event_none) M(qm_heap_event_free_not_allocated) M(qm_heap_event_realloc_not_allocated) \
@@ -377,7 +380,7 @@ QM_TD_DENSE_ENUM(QM_HEAP_heap_op_e, HEAP_OPS, qm_heap_op_rz_signal)
   M(qm_heap_event_api_error) M(qm_heap_event_rz_unknown) M(qm_heap_event_rz_underrun) \
   M(qm_heap_event_rz_overrun) M(qm_heap_event_rz_use_after_free) \
   M(qm_heap_event_rz_use_after_free_underrun) M(qm_heap_event_rz_use_after_free_overrun) \
-  M(qm_heap_event_autoshrink_threshold) M(qm_heap_event_avoid_trailing_comma_misery)
+  M(qm_heap_event_autoshrink_threshold) M(qm_heap_event_dealloc_mismatch) M(qm_heap_event_avoid_trailing_comma_misery)
 QM_TD_DENSE_ENUM(QM_HEAP_event_e, EVENTS, qm_heap_event_avoid_trailing_comma_misery)
 #define EVENT_FIELDS(M) \
   M(ef_event) M(ef_op) M(ef_allocation_record) M(ef_allocation_record_2) M(ef_addr) M(ef_len) M(ef_alignment) \
@@ -452,7 +455,8 @@ constinit const auto basic_entries = entries_of(td_basic, td_tt_entry_basic);
 constinit const auto alias_entries = entries_of(td_aliases, td_tt_entry_alias);
 constinit const auto generation_entries = entries_of(td_generation_alias, td_tt_entry_alias);
 
-constinit const td_tt_type_table_entry_t records_entries[] = {rec(td_allocation_record_t), enm(td_QM_HEAP_alloc_flags_e)};
+constinit const td_tt_type_table_entry_t records_entries[] = {rec(td_allocation_record_t), enm(td_QM_HEAP_alloc_flags_e),
+                                                               enm(td_QM_HEAP_alloc_kind_e)};
 constinit const td_tt_type_table_entry_t tables_entries[] = {rec(td_heap_avl_node_t), rec(td_heap_avl_info_t),
                                                               enm(td_avl_balance_t)};
 constinit const td_tt_type_table_entry_t events_entries[] = {enm(td_QM_HEAP_event_e), rec(td_QM_HEAP_event_info_t)};

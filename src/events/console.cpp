@@ -132,6 +132,18 @@ extern "C" void QM_HEAP_console_notify(const QM_HEAP_event_info_t* e) {
       record_line(r);
       QM_HEAP_printf("%-*s:   address:  %#*p\n", w, op, pw, e->addr);
       break;
+    case qm_heap_event_dealloc_mismatch: {
+      const int kind = QM_HEAP_release_kind(e->op, e->alignment);
+      if ((r.flags & af_kind_mask) != kind)
+        QM_HEAP_printf("%-*s: mismatched deallocation: block made by %s released by %s%s\n", w, op,
+                       QM_HEAP_alloc_kind_name(r.flags), (kind & af_kind_aligned) ? "aligned " : "", op);
+      else
+        QM_HEAP_printf("%-*s: mismatched deallocation: size %lu given for a block of length %lu\n", w, op, len,
+                       static_cast<unsigned long>(r.len));
+      record_line(r);
+      QM_HEAP_printf("%-*s:   address:  %#*p\n", w, op, pw, e->addr);
+      break;
+    }
     case qm_heap_event_guard_corruption:
       QM_HEAP_printf("%-*s: guard corruption\n", w, op);
       QM_HEAP_printf("%-*s: original allocation\n", w, op);

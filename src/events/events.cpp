@@ -74,6 +74,7 @@ extern constinit const event_config_name_mapping_t QM_HEAP_event_config_name_map
     {"rz_use_after_free_underrun", qm_heap_event_rz_use_after_free_underrun},
     {"rz_use_after_free_overrun", qm_heap_event_rz_use_after_free_overrun},
     {"autoshrink_threshold", qm_heap_event_autoshrink_threshold},
+    {"dealloc_mismatch", qm_heap_event_dealloc_mismatch},
     {nullptr, qm_heap_event_none},
 };
 
@@ -118,6 +119,10 @@ constexpr const char* kOpNames[] = {
     "malloc_zone_from_ptr",
     "malloc_zone_size",
     "rz_signal",
+    "new",
+    "new[]",
+    "delete",
+    "delete[]",
 };
 
 // The debugger's records are volatile: copy them word by word.
@@ -186,6 +191,8 @@ event_fields_bitmask_t QM_HEAP_get_event_fields_used(QM_HEAP_event_e event) {
     case qm_heap_event_op_in_progress:
     case qm_heap_event_double_dealloc:
       return used | kOpAddr | kOpRec;
+    case qm_heap_event_dealloc_mismatch:
+      return used | kOpAddr | kOpRec | bit(ef_len) | bit(ef_alignment);
     case qm_heap_event_alloc_deleted_during_op:
     case qm_heap_event_dealloc_notification:
     case qm_heap_event_deletion_error:
@@ -255,7 +262,7 @@ const char* QM_HEAP_get_op_name(QM_HEAP_heap_op_e op) {
 
 int QM_HEAP_get_event_short_message(const QM_HEAP_event_info_t* e, char* buffer, int buffer_len) {
   const char* op = QM_HEAP_get_op_name(e->op);
-  if (buffer == nullptr || buffer_len < 1 || static_cast<unsigned>(e->event) > 40) return -1;
+  if (buffer == nullptr || buffer_len < 1 || static_cast<unsigned>(e->event) > qm_heap_event_avoid_trailing_comma_misery) return -1;
   const allocation_record_t& r = e->allocation_record;
   const auto len = static_cast<unsigned long>(e->len);
   // Several messages print the record's address where its length belongs;
@@ -367,8 +374,27 @@ int QM_HEAP_get_event_short_message(const QM_HEAP_event_info_t* e, char* buffer,
     case qm_heap_event_rz_use_after_free_overrun:  // shares the underrun text, as displays expect
       return QM_s_snprintf(b, n, "underrun bounds error on freed block");
     case qm_heap_event_autoshrink_threshold: return QM_s_snprintf(b, n, "hoard autoshrink threshold crossed");
+    case qm_heap_event_dealloc_mismatch:
+      return QM_s_snprintf(b, n, "%s: mismatched deallocation for block starting at %p", op, e->addr);
   }
   return -1;
+}
+
+const char* QM_HEAP_alloc_kind_name(int flags) {
+  switch (flags & af_kind_mask) {
+    case af_kind_new: return "new";
+    case af_kind_new_array: return "new[]";
+    case af_kind_new | af_kind_aligned: return "aligned new";
+    case af_kind_new_array | af_kind_aligned: return "aligned new[]";
+    default: return "malloc";
+  }
+}
+
+int QM_HEAP_release_kind(QM_HEAP_heap_op_e op, size_t alignment) {
+  const int aligned = alignment != 0 ? af_kind_aligned : 0;
+  if (op == qm_heap_op_delete) return af_kind_new | aligned;
+  if (op == qm_heap_op_delete_array) return af_kind_new_array | aligned;
+  return 0;
 }
 
 // Beside the event record the debugger reads the call stack of the operation

@@ -33,7 +33,7 @@ extern const int QM_HEAP_lwcore_supported;
 
 // The event configuration names in index order, ending with a null name.
 extern const event_config_name_mapping_t QM_HEAP_event_config_name_mappings[];
-enum { QM_HEAP_NUM_EVENT_CONFIG_NAMES = 37 };
+enum { QM_HEAP_NUM_EVENT_CONFIG_NAMES = 38 };
 
 int QM_HEAP_event_console_filter_is_enabled();
 int QM_HEAP_set_event_console_filter_enabled(int bool_val);
@@ -63,6 +63,11 @@ int QM_HEAP_exit_on_event_set_filter(QM_HEAP_event_e event, int does_exit, int* 
 void QM_HEAP_notify_event(QM_HEAP_event_info_t* event);
 void QM_HEAP_notify_breakpoint_here(QM_HEAP_event_info_t* event);
 const char* QM_HEAP_get_op_name(QM_HEAP_heap_op_e op);
+// The family that made a block, from its record's flags ("malloc", "new",
+// "new[]", "aligned new", "aligned new[]"); the family a release belongs to,
+// as kind flags, from its operation and the alignment it named.
+const char* QM_HEAP_alloc_kind_name(int flags);
+int QM_HEAP_release_kind(QM_HEAP_heap_op_e op, size_t alignment);
 int QM_HEAP_get_event_short_message(const QM_HEAP_event_info_t* event, char* buffer, int buffer_len);
 // The fields an event carries, bit n for field n (QM_HEAP_event_fields_e).
 event_fields_bitmask_t QM_HEAP_get_event_fields_used(QM_HEAP_event_e event);

@@ -187,8 +187,8 @@ class RootBlockTest(unittest.TestCase):
                 self.assertEqual(api["inc_generation"], 2)
                 self.assertEqual(api["lwmem_pathname"], data["QM_HEAP_lwcore_pathname_specifier"])
                 self.assertEqual(api["lwmem_pathname_len"], len(api["lwmem_pathname"]))
-                self.assertEqual(len(api["events"]), 37)
-                self.assertEqual([e[1] for e in api["events"]], list(range(37)))
+                self.assertEqual(len(api["events"]), 38)  # the 37 defined and dealloc_mismatch
+                self.assertEqual([e[1] for e in api["events"]], list(range(38)))
                 # The probe set the core flag of index 4 and the lightweight
                 # core flag of index 3, the configuration that of double
                 # deallocation; a reader finds them at the events' values.
@@ -231,7 +231,7 @@ class ControlFunctionsTest(unittest.TestCase):
         self.assertEqual(r.returncode, 0, r.stderr)
         self.assertEqual(r.stdout.splitlines(), [
             "index guard_corruption 0 4", "index dealloc 0 13", "index double_dealloc 0 19",
-            "index startup_config_done 5", "index null 4", "name 37 5", "name -1 5", "core_event 37 5",
+            "index startup_config_done 5", "index null 4", "name 38 5", "name -1 5", "core_event 38 5",
             "lwmem_event -1 5", "verbosity null 0", "version nulls 0", "inc_generation null 0",
             "long specifier 5", "small buffer 5 19", "unknown block 0 0", "unknown hoard 0 0",
             "unknown set hoard 0", "unknown guards 0 -7"])

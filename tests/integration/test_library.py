@@ -16,9 +16,11 @@ def tool(*argv):
 
 
 def read_list(name):
+    """A list of names; {size} is std::size_t's code in C++ names."""
     path = os.path.join(config()["source_dir"], "src", name)
+    size = "m" if qmtest.is_64() else "j"
     with open(path) as f:
-        return {l.strip() for l in f if l.strip() and not l.startswith("#")}
+        return {l.strip().replace("{size}", size) for l in f if l.strip() and not l.startswith("#")}
 
 
 class Banner(unittest.TestCase):

@@ -175,9 +175,9 @@ static int edges(void) {
   }
   printf("index startup_config_done %d\n", API(get_event_index)("startup_config_done", &index));
   printf("index null %d\n", API(get_event_index)(NULL, &index));
-  printf("name 37 %d\n", API(get_event_name)(37, &name));
+  printf("name 38 %d\n", API(get_event_name)(38, &name));
   printf("name -1 %d\n", API(get_event_name)(-1, &name));
-  printf("core_event 37 %d\n", API(set_generate_core_event)(37, 1));
+  printf("core_event 38 %d\n", API(set_generate_core_event)(38, 1));
   printf("lwmem_event -1 %d\n", API(is_generate_lwmem_event)(-1, &v));
   printf("verbosity null %d\n", API(get_verbosity)(NULL));
   printf("version nulls %d\n", API(get_version)(NULL, NULL, NULL, NULL));

@@ -35,7 +35,7 @@ QM_HEAP_event_e ev(int v) { return static_cast<QM_HEAP_event_e>(v); }
 void reset_all() {
   for (int i = 0; i < 6; ++i) {
     kSwitches[i](0);
-    for (int e = 0; e < 40; ++e) kSetters[i](ev(e), 0, nullptr);
+    for (int e = 0; e < 41; ++e) kSetters[i](ev(e), 0, nullptr);
   }
   QM_HEAP_set_verbosity(0);
   for (int k = 0; k < co_num_keys; ++k) QM_HEAP_co_set_key(k, 0);
@@ -184,7 +184,9 @@ const Row kRows[] = {
     {39, "hoard autoshrink threshold crossed",
      "|$: hoard autoshrink threshold crossed\n|$: hoard size is 3145728 bytes (3072kb) (3mb)\n", qm_heap_op_free,
      3u << 20},
-    {40, "", "|$: ** unrecognized QM_HEAP_event_e (40) **\n"},
+    {40, "#: mismatched deallocation for block starting at 1000",
+     "|$: mismatched deallocation: size 16 given for a block of length 32\n|^|$:   address:      0x1000\n"},
+    {41, "", "|$: ** unrecognized QM_HEAP_event_e (41) **\n"},
     {45, nullptr, "|$: ** unrecognized QM_HEAP_event_e (45) **\n"},
 };
 
@@ -213,7 +215,7 @@ TEST(EventShortMessage, BufferLimitsAndRefusals) {
   EXPECT_EQ(-1, QM_HEAP_get_event_short_message(&e, nullptr, 32));
   EXPECT_EQ(-1, QM_HEAP_get_event_short_message(&e, buf, 0));
   EXPECT_EQ(-1, QM_HEAP_get_event_short_message(&e, buf, -5));
-  e.event = ev(41);
+  e.event = ev(42);
   EXPECT_EQ(-1, QM_HEAP_get_event_short_message(&e, buf, 32));
 }
 
@@ -245,11 +247,12 @@ TEST(ConsoleReport, EveryEvent) {
 // Field masks, bit n for field n.
 constexpr unsigned E = 1, OP = 2, AR = 4, AR2 = 8, AD = 16, LN = 32, AL = 64, BT = 256, OW = 512, RZ = 2048;
 constexpr unsigned OA = E | OP | AD, ORec = E | OP | AR, ORz = E | OP | AD | AR | RZ;
-const unsigned kUsed[41] = {
+const unsigned kUsed[42] = {
     /* 0-7 */ E, OA, E, OA | LN | AR, OA | LN | AR, E, E | OP | LN, OA | LN | AR | AL,
     /* 8-18 */ E | OP | AL, OA | AR, E, ORec, ORec | AR2, ORec, ORec | LN, ORec, ORec, ORec, ORec,
     /* 19-29 */ E | OP, OA | AR, ORec, E | OP, E | OP, OA, OA, OA, OA, OA | LN, E | OP | AL | LN,
-    /* 30-40 */ OA | LN | AL | BT, OA, ORec | OW, OA | RZ, ORz, ORz, ORz, ORz, ORz, E | OP | LN, E};
+    /* 30-40 */ OA | LN | AL | BT, OA, ORec | OW, OA | RZ, ORz, ORz, ORz, ORz, ORz, E | OP | LN, OA | AR | LN | AL,
+    /* 41 */ E};
 
 std::vector<uint64_t> words(const allocation_record_t& r) {
   return {(uintptr_t)r.addr, r.len, (uint64_t)r.backtrace_id, (uint64_t)r.thread_id, (uint64_t)r.flags,
@@ -266,7 +269,7 @@ bool kept_or_zero(bool used, const T& now, const T& was) {
 }
 
 TEST(EventFields, ClearingKeepsExactlyTheUsedFields) {
-  for (int event = 0; event <= 40; ++event) {
+  for (int event = 0; event <= 41; ++event) {
     SCOPED_TRACE(testing::Message() << "event " << event);
     const unsigned u = kUsed[event];
     EXPECT_EQ(u, QM_HEAP_get_event_fields_used(ev(event)));
@@ -367,12 +370,12 @@ TEST_F(EventDispatch, FlagAndSwitchAccessors) {
     EXPECT_EQ(0, kSetters[i](ev(3), 5, &old));  // stored as given
     EXPECT_EQ(0, old);
     EXPECT_EQ(0, kSetters[i](ev(39), 1, nullptr));
-    for (int bad : {40, 41, 45}) {
+    for (int bad : {41, 42, 45}) {
       EXPECT_EQ(-1, kSetters[i](ev(bad), 1, &old));
       EXPECT_EQ(-1, kGetters[i](ev(bad), &old));
       EXPECT_EQ(0, old);
     }
-    for (int e = 0, v = -1; e < 40; ++e)
+    for (int e = 0, v = -1; e < 41; ++e)
       EXPECT_TRUE(kGetters[i](ev(e), &v) == 0 && v == (e == 3 ? 5 : e == 39 ? 1 : 0)) << "event " << e;
     EXPECT_EQ(0, kSetters[i](ev(3), 0, &old));
     EXPECT_EQ(5, old);

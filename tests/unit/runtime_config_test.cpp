@@ -135,7 +135,7 @@ TEST(RuntimeConfig, EveryEventFilterPrefixForEveryEvent) {
       EXPECT_EQ((*p.flags)[m->event], 0) << off;
     }
   }
-  EXPECT_EQ(names, 37);
+  EXPECT_EQ(names, QM_HEAP_NUM_EVENT_CONFIG_NAMES);
   EXPECT_EQ(parse("core_startup_config_done=true"), "QM_HEAP:  unrecognized setting: core_startup_config_done\n");
   EXPECT_EQ(parse("notify_=true"), "QM_HEAP:  unrecognized setting: notify_\n");
   EXPECT_EQ(parse("exit_on_event_alloc_null=maybe"), "QM: alloc_null: ERROR true or false expected for value\n");

@@ -57,10 +57,23 @@ class FamiliesTest(unittest.TestCase):
                      "exit_on_event_dealloc_mismatch=true"})
         self.assertEqual((r.returncode, r.stdout), (0, ""))
 
+    def test_the_c_contracts_failures(self):
+        plain = run([target("families"), "edges"], preload=False)
+        r = run([target("families"), "edges"], env=VERBOSE)
+        self.assertEqual(r.stdout, plain.stdout)
+        self.assertEqual(r.stdout, "posix_memalign 12\ncalloc null ENOMEM\nrealloc to 0 null\ndone\n")
+        top = 2 ** (64 if qmtest.is_64() else 32)
+        self.assertEqual(agent_lines(r.stderr), [
+            "QM_HEAP:  posix_memalign returned 12",
+            "QM_HEAP:  posix_memalign: null returned for allocation request: %d (%#x)" % (top - 101, top - 101),
+            "QM_HEAP:  calloc       : null returned for allocation request: %d (%#x)" % (top - 1, top - 1)])
+
     def test_an_address_never_handed_out_is_reported_without_reading_it(self):
         # It looks like a block of the allocator's; the C library takes it
         # as one, with or without the agent.
+        plain = run([target("families"), "wild"], preload=False)
         r = run([target("families"), "wild"], env=VERBOSE)
+        self.assertEqual((r.returncode, r.stdout), (plain.returncode, plain.stdout))
         self.assertEqual(r.stdout, "done\n")
         lines = agent_lines(r.stderr)
         self.assertEqual(len(lines), 1, r.stderr)

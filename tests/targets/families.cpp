@@ -1,7 +1,8 @@
 // Every way into the allocator, C and C++, used correctly ("ok"), and each
 // way of releasing a block with a function of another family, once.
-//   families ok | MISMATCH | wild | protnone
+//   families ok | MISMATCH | edges | wild | protnone
 #include <dlfcn.h>
+#include <errno.h>
 #include <malloc.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -95,10 +96,23 @@ int main(int argc, char** argv) {
   else if (w == "new-realloc") free(realloc(keep(new int), 64));
   else if (w == "aligned-delete") ::operator delete(keep(new Wide));
   else if (w == "sized-delete") ::operator delete(keep(::operator new(24)), 16);
-  else if (w == "wild") {
-    // A pointer that looks like a block of the allocator's but is none.
-    alignas(16) static size_t fake[8] = {0, 0x21, 0, 0, 0, 0x21, 0, 0};
-    free(&fake[2]);
+  else if (w == "edges") {
+    // The C contract's failures, each answered as the C library answers.
+    void* p = nullptr;
+    std::printf("posix_memalign %d\n", posix_memalign(&p, 64, SIZE_MAX - 100));
+    errno = 0;
+    void* c = calloc(SIZE_MAX / 2, 4);
+    std::printf("calloc %s %s\n", c == nullptr ? "null" : "block", errno == ENOMEM ? "ENOMEM" : "?");
+    void* r = realloc(keep(malloc(10)), 0);
+    std::printf("realloc to 0 %s\n", r == nullptr ? "null" : "block");
+  } else if (w == "wild") {
+    // A pointer that looks like a block of the allocator's but is none: a
+    // chunk header of 32 bytes in use before it, another after.
+    alignas(32) static size_t fake[32];
+    char* user = reinterpret_cast<char*>(fake) + 16;
+    reinterpret_cast<size_t*>(user)[-1] = 0x21;
+    reinterpret_cast<size_t*>(user + 32)[-1] = 0x21;
+    free(user);
   } else if (w == "protnone") {
     char* page = (char*)mmap(nullptr, 8192, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     std::fflush(stdout);

@@ -2,11 +2,12 @@
 #   make          build both architectures
 #   make test     build and run every test of both (QEMU=1 runs i386 through qemu-i386)
 #   make demo     run the bundled example under the 64-bit agent
+#   make install  install both agents, the launcher and its manual (PREFIX=/usr/local)
 #   make bench    run the benchmarks (bench/run.py: real workloads plain, under the agent and its peers)
 PRESETS := x86_64 i386
 FORCE_QEMU := $(if $(QEMU),ON,OFF)
 
-.PHONY: all deps configure build test demo bench clean
+.PHONY: all deps configure build test demo bench install clean
 
 all: build
 
@@ -29,6 +30,13 @@ demo: build
 bench: build
 	@scripts/install-deps.sh bench
 	@bench/run.sh
+
+# make install PREFIX=/usr/local: both agents in PREFIX/lib/qmheap, the
+# launcher and the reader in PREFIX/bin, the manual page.
+PREFIX ?= /usr/local
+install: build
+	@for p in $(PRESETS); do cmake --install build/$$p --prefix "$(PREFIX)" >/dev/null || exit 1; done
+	@echo "installed in $(PREFIX): bin/qmheap, bin/qmheap-inspect, lib/qmheap/, share/man/man1/qmheap.1"
 
 clean:
 	rm -rf build

@@ -4,7 +4,7 @@
 # valgrind, the benchmark's peer columns; sqlite3 and git, which the tests
 # run under the agent, are always installed)
 set -eu
-pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc sqlite3 git"
+pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc sqlite3 git libdw-dev"
 if [ "${1:-}" = bench ]; then
   pkgs="$pkgs time heaptrack valgrind"
 fi

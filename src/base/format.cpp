@@ -1,5 +1,6 @@
 #include "base/format.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -432,3 +433,15 @@ int QM_bfr_unread_char(buffered_file_reader_t* bfr, int ch) {
 }
 
 }  // extern "C"
+
+bool qm::write_all(int fd, const void* p, size_t len) {
+  const char* c = static_cast<const char*>(p);
+  while (len > 0) {
+    ssize_t n = write(fd, c, len);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    c += n;
+    len -= static_cast<size_t>(n);
+  }
+  return true;
+}

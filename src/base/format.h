@@ -46,3 +46,9 @@ int QM_bfr_read_char(buffered_file_reader_t* bfr, int* ch);
 // Pushes ch back; -1 when nothing of the current buffer has been read.
 int QM_bfr_unread_char(buffered_file_reader_t* bfr, int ch);
 }
+
+namespace qm {
+// All of len bytes to fd, through short writes and interruptions; false on
+// an error (errno says which) or a write of nothing.
+bool write_all(int fd, const void* p, size_t len);
+}  // namespace qm

@@ -124,15 +124,17 @@ inline T keep_frame(T r) {
   return r;
 }
 
-QM_ALWAYS_INLINE inline void* malloc_op(size_t len) {
+// new and new[] are malloc (or, aligned, memalign) of their own family, and
+// delete and delete[] free of theirs: the free body checks the family.
+QM_ALWAYS_INLINE inline void* malloc_op(size_t len, QM_HEAP_heap_op_e op = qm_heap_op_malloc, Family f = {}) {
   QM_CALLER_FRAME;
-  return enter(qm_heap_op_malloc, "malloc", [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return malloc_body(a, len); },
-               [&](allocator_t* al, owner_t* o) { return al->funcs->malloc(al, o, len); });
+  return enter(op, "malloc", [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return malloc_body(a, len); },
+               [&](allocator_t* al, owner_t* o) { return al->funcs->malloc(al, o, len); }, f);
 }
 
-QM_ALWAYS_INLINE inline void free_op(void* p) {
+QM_ALWAYS_INLINE inline void free_op(void* p, QM_HEAP_heap_op_e op = qm_heap_op_free, Family f = {}) {
   QM_CALLER_FRAME;
-  enter(qm_heap_op_free, "free",
+  enter(op, "free",
         [&](op_body_arg_t* a) QM_ALWAYS_INLINE {
           free_body(a, p);
           return Void{};
@@ -140,7 +142,8 @@ QM_ALWAYS_INLINE inline void free_op(void* p) {
         [&](allocator_t* al, owner_t* o) {
           al->funcs->free(al, o, p);
           return Void{};
-        });
+        },
+        f);
 }
 
 QM_ALWAYS_INLINE inline void* realloc_op(void* old_addr, size_t len) {
@@ -157,11 +160,11 @@ QM_ALWAYS_INLINE inline void* calloc_op(size_t nelems, size_t sizeof_elem) {
                [&](allocator_t* al, owner_t* o) { return al->funcs->calloc(al, o, nelems, sizeof_elem); });
 }
 
-QM_ALWAYS_INLINE inline void* memalign_op(size_t alignment, size_t len) {
+QM_ALWAYS_INLINE inline void* memalign_op(size_t alignment, size_t len, QM_HEAP_heap_op_e op = qm_heap_op_memalign,
+                                          Family f = {}) {
   QM_CALLER_FRAME;
-  return enter(qm_heap_op_memalign, "memalign",
-               [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return memalign_body(a, alignment, len); },
-               [&](allocator_t* al, owner_t* o) { return al->funcs->memalign(al, o, alignment, len); });
+  return enter(op, "memalign", [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return memalign_body(a, alignment, len); },
+               [&](allocator_t* al, owner_t* o) { return al->funcs->memalign(al, o, alignment, len); }, f);
 }
 
 QM_ALWAYS_INLINE inline int posix_memalign_op(void** memptr, size_t alignment, size_t size) {
@@ -179,30 +182,8 @@ QM_ALWAYS_INLINE inline void* valloc_op(size_t len) {
                [&](allocator_t* al, owner_t* o) { return al->funcs->valloc(al, o, len); });
 }
 
-// The C++ allocation functions: new runs the malloc (or, aligned, the
-// memalign) body and records the block's family; delete runs the free body,
-// which checks it.
 QM_ALWAYS_INLINE inline void* new_op(QM_HEAP_heap_op_e op, size_t len, Family f) {
-  QM_CALLER_FRAME;
-  if (f.alignment == 0)
-    return enter(op, "new", [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return malloc_body(a, len); },
-                 [&](allocator_t* al, owner_t* o) { return al->funcs->malloc(al, o, len); }, f);
-  return enter(op, "new", [&](op_body_arg_t* a) QM_ALWAYS_INLINE { return memalign_body(a, f.alignment, len); },
-               [&](allocator_t* al, owner_t* o) { return al->funcs->memalign(al, o, f.alignment, len); }, f);
-}
-
-QM_ALWAYS_INLINE inline void delete_op(QM_HEAP_heap_op_e op, void* p, Family f) {
-  QM_CALLER_FRAME;
-  enter(op, "delete",
-        [&](op_body_arg_t* a) QM_ALWAYS_INLINE {
-          free_body(a, p);
-          return Void{};
-        },
-        [&](allocator_t* al, owner_t* o) {
-          al->funcs->free(al, o, p);
-          return Void{};
-        },
-        f);
+  return f.alignment == 0 ? malloc_op(len, op, f) : memalign_op(f.alignment, len, op, f);
 }
 
 }  // namespace
@@ -439,7 +420,7 @@ QM_DEFINE_NEW(qm_operator_new_array, "_Zna" QM_SZ, qm_heap_op_new_array, af_kind
 // aligned nothrow.
 #define QM_DELETE_BODY(op, family)                  \
   {                                                 \
-    if (bound_for_cxx()) delete_op(op, p, family);  \
+    if (bound_for_cxx()) free_op(p, op, family);    \
     __asm__ volatile("" ::: "memory");              \
   }
 #define QM_DEFINE_DELETE(fn, mangled, op, kind)                                                        \

@@ -606,20 +606,26 @@ constinit const cd_data_table_t stack_data_table = data_table_of(stack_entries);
 
 }  // namespace
 
+// A root block of this build over its own type and data tables; me is the
+// block itself, relocated by the dynamic linker as the library loads.
+constexpr QM_ia_root_block_t root_block(const QM_ia_root_block_t* me, const td_tt_type_table_t* types,
+                                        const cd_data_table_t* data) {
+  return {{QM_ia_root_endian_marker, 1, 0, static_cast<int>(sizeof(int)), static_cast<int>(sizeof(void*)), {}},
+          QM_TD_OFF(QM_ia_root_block_t, me),
+          QM_TD_OFF(QM_ia_root_block_t, td_meta_type_table),
+          QM_TD_OFF(QM_ia_root_block_t, data_table_type_table),
+          QM_TD_OFF(QM_ia_root_block_t, type_table),
+          QM_TD_OFF(QM_ia_root_block_t, data_table),
+          me,
+          &QM_td_meta_type_table_singleton,
+          &data_table_type_table,
+          types,
+          data};
+}
+
 extern "C" {
-constinit QM_ia_root_block_t stack_backtrace_root_block = {
-    {QM_ia_root_endian_marker, 1, 0, static_cast<int>(sizeof(int)), static_cast<int>(sizeof(void*)), {}},
-    QM_TD_OFF(QM_ia_root_block_t, me),
-    QM_TD_OFF(QM_ia_root_block_t, td_meta_type_table),
-    QM_TD_OFF(QM_ia_root_block_t, data_table_type_table),
-    QM_TD_OFF(QM_ia_root_block_t, type_table),
-    QM_TD_OFF(QM_ia_root_block_t, data_table),
-    &stack_backtrace_root_block,  // relocated by the dynamic linker as the library loads
-    &QM_td_meta_type_table_singleton,
-    &data_table_type_table,
-    &backtrace_type_table,
-    &stack_data_table,
-};
+constinit QM_ia_root_block_t stack_backtrace_root_block =
+    root_block(&stack_backtrace_root_block, &backtrace_type_table, &stack_data_table);
 }  // extern "C"
 
 namespace {
@@ -813,19 +819,7 @@ constinit const cd_data_table_t agent_data_table = data_table_of(agent_data_entr
 
 extern "C" {
 
-QM_EXPORT constinit QM_ia_root_block_t QM_HEAP_QM = {
-    {QM_ia_root_endian_marker, 1, 0, static_cast<int>(sizeof(int)), static_cast<int>(sizeof(void*)), {}},
-    QM_TD_OFF(QM_ia_root_block_t, me),
-    QM_TD_OFF(QM_ia_root_block_t, td_meta_type_table),
-    QM_TD_OFF(QM_ia_root_block_t, data_table_type_table),
-    QM_TD_OFF(QM_ia_root_block_t, type_table),
-    QM_TD_OFF(QM_ia_root_block_t, data_table),
-    &QM_HEAP_QM,  // relocated by the dynamic linker as the library loads
-    &QM_td_meta_type_table_singleton,
-    &data_table_type_table,
-    &agent_type_table,
-    &agent_data_table,
-};
+QM_EXPORT constinit QM_ia_root_block_t QM_HEAP_QM = root_block(&QM_HEAP_QM, &agent_type_table, &agent_data_table);
 
 }  // extern "C"
 

@@ -306,6 +306,9 @@ const char* QM_HEAP_alloc_rec_flag_to_str(int flag) {
     case af_paint_on_dealloc: return "Paint When Deallocated";
     case af_dont_free_on_dealloc: return "Hoard When Deallocated";
     case af_hoarded: return "Hoarded";
+    case af_kind_new: return "Made by new";
+    case af_kind_new_array: return "Made by new[]";
+    case af_kind_aligned: return "Aligned new";
     default: return "?";
   }
 }

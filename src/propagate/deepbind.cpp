@@ -63,17 +63,7 @@ constexpr char kShstrtab[] = "\0.dynstr\0.shstrtab\0.dynamic\0.dynsym\0.hash";  
 static_assert(sizeof kShstrtab == 42);
 enum { kNameDynstr = 1, kNameShstrtab = 9, kNameDynamic = 19, kNameDynsym = 28, kNameHash = 36 };
 
-bool write_all(int fd, const void* p, size_t len) {
-  const char* c = static_cast<const char*>(p);
-  while (len > 0) {
-    ssize_t n = write(fd, c, len);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    c += n;
-    len -= static_cast<size_t>(n);
-  }
-  return true;
-}
+using qm::write_all;
 
 // Zero bytes up to the next multiple of kAlign; the new offset, or 0 on failure.
 size_t align_file_pointer(int fd, size_t at) {

@@ -215,17 +215,7 @@ void add_images(Ranges& out) {
   out.add(reinterpret_cast<uintptr_t>(&_r_debug), reinterpret_cast<uintptr_t>(&_r_debug) + sizeof _r_debug);
 }
 
-bool write_all(int fd, const void* p, size_t len) {
-  const char* c = static_cast<const char*>(p);
-  while (len > 0) {
-    ssize_t n = write(fd, c, len);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    c += n;
-    len -= static_cast<size_t>(n);
-  }
-  return true;
-}
+using qm::write_all;
 
 // A range of memory, page by page; a page that cannot be read goes as zeros.
 bool write_memory(int fd, uintptr_t start, uintptr_t end) {

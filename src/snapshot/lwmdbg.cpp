@@ -201,7 +201,10 @@ const char* const kEventNames[] = {
     "dmz_destruction_in_progress", "dmz_pending_zone", "dmz_unknown_state", "dmz_zone_creation_error",
     "dmz_duplicate_zone_created", "dmz_deleting_default_zone", "api_error", "rz_unknown", "rz_underrun",
     "rz_overrun", "rz_use_after_free", "rz_use_after_free_underrun", "rz_use_after_free_overrun",
-    "autoshrink_threshold"};
+    "autoshrink_threshold",
+    // Extension events, by their configuration names.
+    "dealloc_mismatch"};
+static_assert(sizeof kEventNames / sizeof *kEventNames == qm_heap_event_avoid_trailing_comma_misery);
 
 const char* event_name(int e) {
   return e >= 0 && e < static_cast<int>(sizeof kEventNames / sizeof *kEventNames) ? kEventNames[e] : "unknown_event";

@@ -1,6 +1,6 @@
 // Every way into the allocator, C and C++, used correctly ("ok"), and each
 // way of releasing a block with a function of another family, once.
-//   families ok | MISMATCH | edges | wild | protnone
+//   families ok | MISMATCH | leaks | edges | wild | protnone
 #include <dlfcn.h>
 #include <errno.h>
 #include <malloc.h>
@@ -31,6 +31,10 @@ T* keep(T* p) {
   KEEP(p);
   return p;
 }
+
+// Blocks never released, from two places.
+__attribute__((noinline)) void* leak_big() { return keep(malloc(5000)); }
+__attribute__((noinline)) void* leak_small() { return keep(new char[100]); }
 
 static int ok() {
   // The C functions beyond the seven.
@@ -96,7 +100,10 @@ int main(int argc, char** argv) {
   else if (w == "new-realloc") free(realloc(keep(new int), 64));
   else if (w == "aligned-delete") ::operator delete(keep(new Wide));
   else if (w == "sized-delete") ::operator delete(keep(::operator new(24)), 16);
-  else if (w == "edges") {
+  else if (w == "leaks") {
+    leak_big();
+    for (volatile int k = 0; k < 3; k = k + 1) leak_small();  // one call site
+  } else if (w == "edges") {
     // The C contract's failures, each answered as the C library answers.
     void* p = nullptr;
     std::printf("posix_memalign %d\n", posix_memalign(&p, 64, SIZE_MAX - 100));

@@ -1,0 +1,204 @@
+"""The tools: the launcher (`qmheap [options] -- program args` runs the
+program under the agent of its word size, with its options as settings, the
+program's arguments and exit status passed through, and a clear word for a
+bad option), and the gdb extension."""
+
+import json
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+import qmtest
+from qmtest import assert_no_events, config, target
+
+LAUNCHER = config().get("launcher", "")
+
+
+def launch(*argv, env=None):
+    e = dict(os.environ)
+    e.pop("LD_PRELOAD", None)
+    e["QMHEAP_CONFIG_FILE"] = ""
+    e.update(env or {})
+    return subprocess.run([LAUNCHER] + list(argv), capture_output=True, text=True, env=e, timeout=120)
+
+
+def environment(stdout):
+    return dict(l.split("=", 1) for l in stdout.splitlines() if "=" in l)
+
+
+@unittest.skipUnless(qmtest.is_64() and os.path.exists(LAUNCHER), "the launcher runs the host's programs")
+class LauncherTest(unittest.TestCase):
+    def test_options_become_settings_and_the_agent_goes_first(self):
+        r = launch("--guards", "--leaks", "--backtrace-depth=3", "--red-zones", "--rz-size-range=1024-0",
+                   "--hoard-maximum-kb=64", "--set=notify_double_dealloc=false", "--", "/usr/bin/env",
+                   env={"LD_PRELOAD": "/nonexistent/libother.so", "QMHEAP_ARGS": "paint_on_alloc=true"})
+        env = environment(r.stdout)
+        self.assertEqual(env["LD_PRELOAD"], os.path.realpath(config()["lib"]) + ":/nonexistent/libother.so")
+        self.assertEqual(env["QMHEAP_ARGS"].split(), [
+            "paint_on_alloc=true", "verbosity=2", "enable_guard_blocks=true", "display_allocations_on_exit=true",
+            "backtrace_depth=3", "enable_red_zones=true", "rz_mode=overrun", "enable_rz_size_ranges=true",
+            "rz_size_range=0,1024,0", "rz_size_range_enable=0,true", "hoard_maximum_kb=64",
+            "notify_double_dealloc=false"])
+        self.assertIn("QM_HEAP:  STARTING", r.stderr)
+
+    def test_arguments_and_exit_status_pass_through(self):
+        r = launch("--", "sh", "-c", 'printf "%s|" "$@"; exit 7', "x", "a b", "--guards", "")
+        self.assertEqual((r.returncode, r.stdout), (7, "a b|--guards||"))
+        assert_no_events(r.stderr)
+        r = launch("true")  # no "--" needed
+        self.assertEqual(r.returncode, 0)
+
+    def test_errors_are_reported_as_the_agent_sees_them(self):
+        r = launch("--", target("families"), "new-free")
+        self.assertEqual(r.stdout, "done\n")
+        self.assertIn("mismatched deallocation: block made by new released by free", r.stderr)
+        r = launch("--verbosity=0", "--", target("families"), "new-free")
+        self.assertNotIn("mismatched", r.stderr)
+
+    def test_a_script_takes_the_agent_of_its_interpreter(self):
+        d = tempfile.mkdtemp()
+        try:
+            script = os.path.join(d, "s")
+            with open(script, "w") as f:
+                f.write("#!/bin/sh\necho LD_PRELOAD=$LD_PRELOAD\n")
+            os.chmod(script, 0o755)
+            r = launch("--", script)
+            self.assertEqual(environment(r.stdout)["LD_PRELOAD"], os.path.realpath(config()["lib"]))
+        finally:
+            shutil.rmtree(d)
+
+    def test_bad_options_and_programs_are_said_clearly(self):
+        for argv, said in ((["--bogus", "--", "true"], "unknown option '--bogus'"),
+                           (["--set=bogus=1", "--", "true"], "unknown agent setting 'bogus'"),
+                           (["--guards=yes", "--", "true"], "--guards takes no value"),
+                           (["--backtrace-depth", "--", "true"], "--backtrace-depth needs a value"),
+                           (["--output=a b", "--", "true"], "a value cannot hold white space"),
+                           (["--"], "no program to run"),
+                           (["--", "no-such-program-here"], "no-such-program-here: command not found"),
+                           (["--", "/etc/passwd"], "/etc/passwd: not a 32-bit or 64-bit ELF program")):
+            with self.subTest(argv=argv):
+                r = launch(*argv)
+                self.assertEqual(r.returncode, 127)
+                self.assertIn("qmheap: " + said, r.stderr)
+
+    def test_help_lists_every_setting_and_event(self):
+        r = launch("--help")
+        self.assertEqual(r.returncode, 0)
+        settings = os.path.join(config()["source_dir"], "src", "config", "settings.inc")
+        with open(settings) as f:
+            keys = [l.split('"')[1] for l in f if l.startswith("QM_SETTING(")]
+        for k in keys:
+            self.assertIn("--%s=" % k, r.stdout)
+        self.assertIn("dealloc_mismatch", r.stdout)
+
+
+def report(*argv):
+    return subprocess.run([LAUNCHER, "report"] + list(argv), capture_output=True, text=True, timeout=300)
+
+
+@unittest.skipUnless(os.path.exists(LAUNCHER), "the report is built with the x86-64 agent")
+class ReportTest(unittest.TestCase):
+    """qmheap report on snapshot files this build's agent wrote."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.tmp = tempfile.mkdtemp()
+        settings = ("enable_generate_lwmdbg=true lwmdbg_termination=true lwmdbg_dealloc_mismatch=true "
+                    "lwmdbg_pathname=%s/%s-%%6q.lwmdbg")
+        for case in ("new-free", "leaks"):
+            r = qmtest.run([target("families"), case],
+                           env={"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": settings % (cls.tmp, case)})
+            assert r.returncode == 0, r.stderr
+        cls.files = {n: os.path.join(cls.tmp, n) for n in os.listdir(cls.tmp)}
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.tmp)
+
+    def test_an_error_with_its_stacks_named_as_addr2line_names_them(self):
+        r = report("--json", self.files["new-free-000000.lwmdbg"])
+        self.assertEqual(r.returncode, 1, r.stderr)
+        res = json.loads(r.stdout)
+        self.assertEqual(res["summary"]["errors"], 1)
+        err = res["errors"][0]
+        self.assertEqual((err["event"], err["op"]), ("dealloc_mismatch", "free"))
+        alloc = err["allocated"]
+        self.assertEqual(alloc[0]["function"], "main")
+        self.assertTrue(alloc[0]["file"].endswith("families.cpp"))
+        self.assertEqual(err["at"][0]["function"], "main")
+        # The same address through addr2line: function, file and line agree.
+        f = alloc[0]
+        out = subprocess.run(["addr2line", "-f", "-C", "-e", target("families"), "0x%x" % (f["offset"] - 1)],
+                             capture_output=True, text=True).stdout.split("\n")
+        self.assertEqual(out[0], f["function"])
+        self.assertEqual(out[1].split(" ")[0], "%s:%d" % (f["file"], f["line"]))
+
+    def test_blocks_still_allocated_grouped_by_stack_largest_first(self):
+        path = self.files["leaks-000000.lwmdbg"]
+        r = report(path)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        groups = re.findall(r"^(\d+) bytes in (\d+) blocks allocated by:\n +#0 +0x[0-9a-f]+ (\S+)", r.stdout, re.M)
+        ours = [g for g in groups if g[2] in ("leak_big()", "leak_small()")]
+        self.assertEqual(ours, [("5000", "1", "leak_big()"), ("300", "3", "leak_small()")])
+        sizes = [int(g[0]) for g in groups]
+        self.assertEqual(sizes, sorted(sizes, reverse=True))
+        self.assertRegex(r.stdout, r"summary: 0 errors, \d+ blocks \(\d+ bytes\) still allocated, 0 suppressed, 1 file\n$")
+        sup = os.path.join(self.tmp, "suppressions")
+        with open(sup, "w") as f:
+            f.write("# known\nleak_small\n")
+        r = report("--suppressions", sup, path)
+        self.assertNotIn("leak_small", r.stdout)
+        folded = report("--folded", path).stdout.splitlines()
+        self.assertIn(True, [l.endswith(";main;leak_big() 5000") for l in folded], folded)
+
+    def test_a_file_cut_short_gives_what_it_holds(self):
+        with open(self.files["leaks-000000.lwmdbg"]) as f:
+            lines = f.read().splitlines(True)
+        cut = os.path.join(self.tmp, "cut.lwmdbg")
+        with open(cut, "w") as f:
+            f.writelines(lines[:len(lines) * 2 // 3])
+        r = report(cut)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertIn("(the file has no table of contents (cut short?): read by its section comments)", r.stdout)
+        self.assertIn("5000 bytes in 1 blocks allocated by:", r.stdout)
+        r = report(os.path.join(self.tmp, "missing.lwmdbg"))
+        self.assertEqual(r.returncode, 2)
+        self.assertIn("cannot be opened", r.stderr)
+
+
+EXTENSION = os.path.join(config()["source_dir"], "tools", "gdb", "qmheap.py")
+
+
+@unittest.skipUnless(config()["native_exec"] and shutil.which("gdb"), "needs gdb on a natively run program")
+class GdbExtensionTest(unittest.TestCase):
+    def test_stop_at_an_event_read_the_block_its_stack_and_the_settings(self):
+        d = tempfile.mkdtemp()
+        try:
+            snap = os.path.join(d, "at-event.lwmdbg")
+            script = ["set breakpoint pending on", "source " + EXTENSION,
+                      "set environment LD_PRELOAD=%s" % config()["lib"], "set environment QMHEAP_CONFIG_FILE=",
+                      "qmheap stop", "run", "qmheap block event->addr", "qmheap status", "qmheap blocks 3",
+                      "qmheap get verbosity", "qmheap set verbosity 2", "qmheap snapshot " + snap, "continue"]
+            r = qmtest.gdb(script, [target("families"), "new-free"])
+            out = r.stdout
+            self.assertRegex(out, r"qmheap: dealloc mismatch in free at 0x[0-9a-f]+")
+            self.assertRegex(out, r"the block 0x[0-9a-f]+, 4 bytes")
+            # The block's stack, named: frame 0 is the new in main.
+            self.assertRegex(out, r"allocated \(backtrace \d+\):\n +#0 +0x[0-9a-f]+ main(\(int, char\*\*\))? "
+                                  r"\(\S*families\.cpp:\d+\)")
+            self.assertRegex(out, r"live block 0x[0-9a-f]+, 4 bytes")
+            self.assertRegex(out, r"qmheap \d+\.\d+, 64-bit agent\nlive blocks: \d+, released ranges: \d+")
+            self.assertIn("verbosity = 0", out)
+            self.assertIn("verbosity = 2", out)
+            self.assertIn("snapshot written", out)
+            self.assertTrue(os.path.exists(snap))
+            self.assertIn("done", out)
+        finally:
+            shutil.rmtree(d)
+
+
+if __name__ == "__main__":
+    qmtest.main()

@@ -1,0 +1,304 @@
+// qmheap report: what snapshot files say, for people. Errors with the stacks
+// that allocated and released their block, then the blocks still allocated
+// grouped by the stack that allocated them, largest first; every frame named
+// to function, file and line (libdw), or module and offset where the image
+// has no symbols. --json for programs, --folded for flame-graph tools.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "snapshot/reader.h"
+#include "symbols/symbols.h"
+
+namespace {
+
+using qmtool::Frame;
+using qmtool::Snapshot;
+
+// Events that are not errors: notices the agent gives at start and end, or on
+// request.
+const std::set<std::string> kNotices = {"termination", "dealloc", "realloc", "unknown_event", "autoshrink_threshold",
+                                        "alloc_null"};
+
+struct Options {
+  bool json = false, folded = false;
+  std::vector<std::string> suppressions;
+  std::vector<std::string> files;
+};
+
+std::string where(const Frame& f) {
+  char buf[64];
+  std::string s;
+  std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(f.pc));
+  s = buf;
+  if (!f.function.empty()) s += " " + f.function;
+  if (!f.file.empty())
+    s += " (" + f.file + ":" + std::to_string(f.line) + ")";
+  else if (!f.module.empty()) {
+    std::snprintf(buf, sizeof buf, "+0x%llx", static_cast<unsigned long long>(f.offset));
+    s += " (" + f.module + buf + ")";
+  }
+  if (f.inlined) s += " [inlined]";
+  return s;
+}
+
+std::string json_string(const std::string& s) {
+  std::string o = "\"";
+  for (unsigned char c : s) {
+    if (c == '"' || c == '\\') {
+      o += '\\';
+      o += static_cast<char>(c);
+    } else if (c < 0x20) {
+      char b[8];
+      std::snprintf(b, sizeof b, "\\u%04x", c);
+      o += b;
+    } else {
+      o += static_cast<char>(c);
+    }
+  }
+  return o + "\"";
+}
+
+std::string json_frames(const std::vector<Frame>& fs) {
+  std::string o = "[";
+  for (size_t i = 0; i < fs.size(); ++i) {
+    const Frame& f = fs[i];
+    o += (i ? "," : "") + std::string("{\"pc\":") + std::to_string(f.pc) + ",\"function\":" + json_string(f.function) +
+         ",\"file\":" + json_string(f.file) + ",\"line\":" + std::to_string(f.line) +
+         ",\"module\":" + json_string(f.module) + ",\"offset\":" + std::to_string(f.offset) +
+         ",\"inlined\":" + (f.inlined ? "true" : "false") + "}";
+  }
+  return o + "]";
+}
+
+struct Reporter {
+  const Options& opt;
+  int errors = 0, suppressed = 0;
+  uint64_t leak_blocks = 0, leak_bytes = 0;
+  std::vector<std::string> json_errors, json_leaks, json_files;
+
+  explicit Reporter(const Options& o) : opt(o) {}
+
+  bool is_suppressed(const std::vector<Frame>& fs) const {
+    for (const auto& f : fs)
+      for (const auto& p : opt.suppressions)
+        if (!f.function.empty() && f.function.find(p) != std::string::npos) return true;
+    return false;
+  }
+
+  static std::vector<Frame> stack(qmtool::Symbolizer& sym, const Snapshot& s, int id) {
+    std::vector<Frame> out;
+    auto it = s.stacks.find(id);
+    if (it == s.stacks.end()) return out;
+    for (uint64_t pc : it->second)
+      for (auto& f : sym.frames(pc)) out.push_back(f);
+    return out;
+  }
+
+  // The writing thread's stack at the event, from the program's first frame
+  // (the agent's own are left out).
+  static std::vector<Frame> at_event(qmtool::Symbolizer& sym, const Snapshot& s) {
+    std::vector<Frame> out;
+    bool in_program = false;
+    for (uint64_t pc : s.current_stack)
+      for (auto& f : sym.frames(pc)) {
+        const bool agent = f.module.find("libqmheap") != std::string::npos;
+        if (agent && !in_program) continue;
+        in_program = true;
+        out.push_back(f);
+      }
+    return out;
+  }
+
+  void print_stack(const char* title, const std::vector<Frame>& fs) {
+    if (fs.empty()) return;
+    std::printf("  %s:\n", title);
+    for (size_t i = 0; i < fs.size(); ++i) std::printf("    #%-2zu %s\n", i, where(fs[i]).c_str());
+  }
+
+  void file(const Snapshot& s) {
+    qmtool::Symbolizer sym(s.images, s.executable);
+    if (!opt.json && !opt.folded) {
+      std::printf("== %s: pid %d, %s, %d-bit, agent %s\n", s.path.c_str(), s.pid, s.executable.c_str(), s.bits,
+                  s.version.c_str());
+      for (const auto& p : s.problems) std::printf("   (the file %s)\n", p.c_str());
+    }
+    json_files.push_back("{\"path\":" + json_string(s.path) + ",\"pid\":" + std::to_string(s.pid) +
+                         ",\"executable\":" + json_string(s.executable) + ",\"problems\":" +
+                         std::to_string(s.problems.size()) + "}");
+    if (s.has_event && kNotices.count(s.event.name) == 0 && s.event.name != "startup_config_done") error(sym, s);
+    leaks(sym, s);
+  }
+
+  void error(qmtool::Symbolizer& sym, const Snapshot& s) {
+    const auto& e = s.event;
+    const auto& r = e.first;
+    // A released range carries the release's stack and the allocation's as
+    // its original; a live block its allocation's.
+    const bool released = e.name == "double_dealloc";
+    const auto at = at_event(sym, s);
+    const auto allocated = stack(sym, s, released ? r.org_backtrace_id : (r.org_backtrace_id ? r.org_backtrace_id : r.backtrace_id));
+    const auto released_by = released ? stack(sym, s, r.backtrace_id) : std::vector<Frame>{};
+    if (is_suppressed(at) || is_suppressed(allocated)) {
+      ++suppressed;
+      return;
+    }
+    ++errors;
+    const uint64_t addr = e.addr != 0 ? e.addr : r.addr;
+    if (opt.json) {
+      json_errors.push_back("{\"file\":" + json_string(s.path) + ",\"event\":" + json_string(e.name) +
+                            ",\"op\":" + json_string(e.op) + ",\"address\":" + std::to_string(addr) +
+                            ",\"block\":{\"address\":" + std::to_string(r.addr) + ",\"length\":" +
+                            std::to_string(r.len) + "},\"at\":" + json_frames(at) + ",\"allocated\":" +
+                            json_frames(allocated) + ",\"released\":" + json_frames(released_by) + "}");
+      return;
+    }
+    if (opt.folded) return;
+    std::printf("error: %s in %s at 0x%llx\n", e.name.c_str(), e.op.c_str(), static_cast<unsigned long long>(addr));
+    if (r.addr != 0)
+      std::printf("  block 0x%llx, %llu bytes\n", static_cast<unsigned long long>(r.addr),
+                  static_cast<unsigned long long>(r.len));
+    print_stack("at", at);
+    print_stack("released by", released_by);
+    print_stack("allocated by", allocated);
+  }
+
+  void leaks(qmtool::Symbolizer& sym, const Snapshot& s) {
+    struct Group {
+      uint64_t blocks = 0, bytes = 0;
+      int id = 0;
+    };
+    std::map<int, Group> by_stack;
+    for (const auto& r : s.live) {
+      Group& g = by_stack[r.backtrace_id];
+      g.id = r.backtrace_id;
+      ++g.blocks;
+      g.bytes += r.len;
+    }
+    std::vector<Group> groups;
+    for (auto& [id, g] : by_stack) groups.push_back(g);
+    std::sort(groups.begin(), groups.end(), [](const Group& a, const Group& b) {
+      return a.bytes != b.bytes ? a.bytes > b.bytes : a.blocks > b.blocks;
+    });
+    uint64_t blocks = 0, bytes = 0;
+    std::vector<std::pair<Group, std::vector<Frame>>> shown;
+    for (const auto& g : groups) {
+      auto fs = stack(sym, s, g.id);
+      if (is_suppressed(fs)) continue;
+      blocks += g.blocks;
+      bytes += g.bytes;
+      shown.emplace_back(g, std::move(fs));
+    }
+    leak_blocks += blocks;
+    leak_bytes += bytes;
+    for (const auto& [g, fs] : shown) {
+      if (opt.folded) {
+        std::string line;
+        for (size_t i = fs.size(); i-- > 0;) {
+          std::string name = fs[i].function.empty() ? where(fs[i]) : fs[i].function;
+          std::replace(name.begin(), name.end(), ';', ':');
+          line += (line.empty() ? "" : ";") + name;
+        }
+        std::printf("%s %llu\n", line.empty() ? "[unknown]" : line.c_str(), static_cast<unsigned long long>(g.bytes));
+      } else if (opt.json) {
+        json_leaks.push_back("{\"file\":" + json_string(s.path) + ",\"blocks\":" + std::to_string(g.blocks) +
+                             ",\"bytes\":" + std::to_string(g.bytes) + ",\"backtrace_id\":" + std::to_string(g.id) +
+                             ",\"stack\":" + json_frames(fs) + "}");
+      }
+    }
+    if (opt.json || opt.folded) return;
+    std::printf("blocks still allocated: %llu (%llu bytes) from %zu stacks\n",
+                static_cast<unsigned long long>(blocks), static_cast<unsigned long long>(bytes), shown.size());
+    for (const auto& [g, fs] : shown) {
+      std::printf("%llu bytes in %llu blocks allocated by:\n", static_cast<unsigned long long>(g.bytes),
+                  static_cast<unsigned long long>(g.blocks));
+      for (size_t i = 0; i < fs.size(); ++i) std::printf("    #%-2zu %s\n", i, where(fs[i]).c_str());
+      if (fs.empty()) std::printf("    (no stack recorded)\n");
+    }
+  }
+
+  void finish() {
+    if (opt.json) {
+      auto join = [](const std::vector<std::string>& v) {
+        std::string o;
+        for (size_t i = 0; i < v.size(); ++i) o += (i ? "," : "") + v[i];
+        return o;
+      };
+      std::printf("{\"files\":[%s],\"errors\":[%s],\"still_allocated\":[%s],\"summary\":{\"errors\":%d,"
+                  "\"suppressed\":%d,\"blocks\":%llu,\"bytes\":%llu}}\n",
+                  join(json_files).c_str(), join(json_errors).c_str(), join(json_leaks).c_str(), errors, suppressed,
+                  static_cast<unsigned long long>(leak_blocks), static_cast<unsigned long long>(leak_bytes));
+    } else if (!opt.folded) {
+      std::printf("summary: %d error%s, %llu blocks (%llu bytes) still allocated, %d suppressed, %zu file%s\n", errors,
+                  errors == 1 ? "" : "s", static_cast<unsigned long long>(leak_blocks),
+                  static_cast<unsigned long long>(leak_bytes), suppressed, opt.files.size(),
+                  opt.files.size() == 1 ? "" : "s");
+    }
+  }
+};
+
+void report_usage(FILE* f) {
+  std::fprintf(f,
+               "usage: qmheap report [--json | --folded] [--suppressions FILE] SNAPSHOT...\n"
+               "Prints the errors and the blocks still allocated that snapshot files hold, every frame named.\n"
+               "  --json               everything as one JSON object\n"
+               "  --folded             the blocks still allocated as collapsed stacks (flame-graph input)\n"
+               "  --suppressions FILE  hide errors and blocks whose stack has a function containing a line of FILE\n"
+               "Exit status: 0 no error, 1 errors found, 2 a file could not be read at all.\n");
+}
+
+}  // namespace
+
+int report_main(int argc, char** argv) {
+  Options opt;
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    if (a == "--json") {
+      opt.json = true;
+    } else if (a == "--folded") {
+      opt.folded = true;
+    } else if (a == "--suppressions" && i + 1 < argc) {
+      std::ifstream in(argv[++i]);
+      if (!in) {
+        std::fprintf(stderr, "qmheap report: cannot read suppressions file %s\n", argv[i]);
+        return 2;
+      }
+      for (std::string l; std::getline(in, l);)
+        if (!l.empty() && l[0] != '#') opt.suppressions.push_back(l);
+    } else if (a == "-h" || a == "--help") {
+      report_usage(stdout);
+      return 0;
+    } else if (a.rfind("--", 0) == 0) {
+      std::fprintf(stderr, "qmheap report: unknown option '%s'\n", a.c_str());
+      report_usage(stderr);
+      return 2;
+    } else {
+      opt.files.push_back(a);
+    }
+  }
+  if (opt.files.empty()) {
+    report_usage(stderr);
+    return 2;
+  }
+  Reporter rep(opt);
+  bool unreadable = false;
+  for (const auto& path : opt.files) {
+    Snapshot s = qmtool::read_snapshot(path);
+    if (s.live.empty() && s.released.empty() && s.stacks.empty() && !s.problems.empty() &&
+        s.problems[0] == "cannot be opened") {
+      std::fprintf(stderr, "qmheap report: %s: cannot be opened\n", path.c_str());
+      unreadable = true;
+      continue;
+    }
+    for (const auto& p : s.problems)
+      if (opt.json || opt.folded) std::fprintf(stderr, "qmheap report: %s %s\n", path.c_str(), p.c_str());
+    rep.file(s);
+  }
+  rep.finish();
+  return unreadable ? 2 : rep.errors > 0 ? 1 : 0;
+}

@@ -53,3 +53,10 @@ under --red-zones --rz-detect-use-after-free=true -- "$demo" readfreed
 
 say "blocks left allocated at exit"
 under --leaks -- "$demo" leak
+
+say "a snapshot written at the error, then read: the error's stacks and the blocks still allocated, every frame named"
+snapdir=$(mktemp -d)
+under --snapshot-on-error --lwmdbg-pathname="$snapdir/heapdemo-%6q.lwmdbg" -- "$demo" double 2>/dev/null
+echo "\$ qmheap report $snapdir/heapdemo-000000.lwmdbg"
+"$launcher" report "$snapdir"/heapdemo-000000.lwmdbg
+rm -rf "$snapdir"

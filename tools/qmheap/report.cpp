@@ -3,6 +3,8 @@
 // grouped by the stack that allocated them, largest first; every frame named
 // to function, file and line (libdw), or module and offset where the image
 // has no symbols. --json for programs, --folded for flame-graph tools.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -254,6 +256,14 @@ void report_usage(FILE* f) {
 
 }  // namespace
 
+// On a terminal, a long file's reading shows how far it has got.
+bool progress_shown = false;
+void show_progress(const std::string& path, size_t lines) {
+  progress_shown = true;
+  std::fprintf(stderr, "\rqmheap report: %s: %zu lines read", path.c_str(), lines);
+  std::fflush(stderr);
+}
+
 int report_main(int argc, char** argv) {
   Options opt;
   for (int i = 1; i < argc; ++i) {
@@ -288,7 +298,10 @@ int report_main(int argc, char** argv) {
   Reporter rep(opt);
   bool unreadable = false;
   for (const auto& path : opt.files) {
-    Snapshot s = qmtool::read_snapshot(path);
+    const bool tty = isatty(2);
+    Snapshot s = qmtool::read_snapshot(path, tty ? show_progress : nullptr);
+    if (progress_shown) std::fprintf(stderr, "\n");
+    progress_shown = false;
     if (s.live.empty() && s.released.empty() && s.stacks.empty() && !s.problems.empty() &&
         s.problems[0] == "cannot be opened") {
       std::fprintf(stderr, "qmheap report: %s: cannot be opened\n", path.c_str());

@@ -114,7 +114,7 @@ bool parse_record(const std::vector<std::string>& f, size_t at, Record* r) {
          number(f[at + 13], &bad_post, 10) && (r->pre_guard_bad = bad_pre != 0, r->post_guard_bad = bad_post != 0, true);
 }
 
-Snapshot read_snapshot(const std::string& path) {
+Snapshot read_snapshot(const std::string& path, void (*progress)(const std::string&, size_t)) {
   Snapshot s;
   s.path = path;
   std::ifstream in(path);
@@ -123,7 +123,10 @@ Snapshot read_snapshot(const std::string& path) {
     return s;
   }
   std::vector<std::string> lines;
-  for (std::string l; std::getline(in, l);) lines.push_back(l);
+  for (std::string l; std::getline(in, l);) {
+    lines.push_back(std::move(l));
+    if (progress != nullptr && lines.size() % 1000000 == 0) progress(path, lines.size());
+  }
   std::map<int, std::pair<size_t, size_t>> toc;
   if (!read_toc(lines, &toc)) {
     s.problems.push_back("has no table of contents (cut short?): read by its section comments");

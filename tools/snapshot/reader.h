@@ -47,8 +47,9 @@ struct Snapshot {
   std::vector<std::string> problems;  // what could not be read, in words
 };
 
-// Reads what it can; problems says what it could not.
-Snapshot read_snapshot(const std::string& path);
+// Reads what it can; problems says what it could not. progress, when given,
+// is told the number of lines read every million lines.
+Snapshot read_snapshot(const std::string& path, void (*progress)(const std::string& path, size_t lines) = nullptr);
 
 // The allocation line's record from its fields (starting at fields[at]);
 // false when they do not parse.

@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, only the packages that are missing. Idempotent.
-# Usage: install-deps.sh [bench]   (bench: also GNU time, and heaptrack and
-# valgrind, the benchmark's peer columns; sqlite3 and git, which the tests
-# run under the agent, are always installed)
+# Usage: install-deps.sh [bench]   (bench: also GNU time, and valgrind, a
+# peer column of the benchmark; sqlite3 and git, which the tests run under
+# the agent, libdw and zlib for the report, heaptrack, whose reader checks
+# the report's heaptrack files and is a benchmark peer, and chromium, which
+# opens its flame graphs in a test, are always installed)
 set -eu
-pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc sqlite3 git libdw-dev"
+pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc sqlite3 git libdw-dev zlib1g-dev heaptrack chromium"
 if [ "${1:-}" = bench ]; then
-  pkgs="$pkgs time heaptrack valgrind"
+  pkgs="$pkgs time valgrind"
 fi
 missing=""
 for p in $pkgs; do

@@ -154,6 +154,41 @@ class ReportTest(unittest.TestCase):
         folded = report("--folded", path).stdout.splitlines()
         self.assertIn(True, [l.endswith(";main;leak_big() 5000") for l in folded], folded)
 
+    @unittest.skipUnless(shutil.which("chromium"), "needs chromium")
+    def test_the_flame_graph_opens_in_a_browser(self):
+        svg = os.path.join(self.tmp, "leaks.svg")
+        r = report("--flamegraph", svg, self.files["leaks-000000.lwmdbg"])
+        self.assertEqual(r.returncode, 0, r.stderr)
+        with open(svg) as f:
+            text = f.read()
+        self.assertIn("<title>leak_big() (5000 bytes)</title>", text)
+        profile = tempfile.mkdtemp()
+        try:
+            dom = subprocess.run(["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
+                                  "--no-first-run", "--disable-background-networking", "--disable-component-update",
+                                  "--disable-sync", "--user-data-dir=" + profile, "--dump-dom", "file://" + svg],
+                                 capture_output=True, text=True, timeout=120).stdout
+        finally:
+            shutil.rmtree(profile, ignore_errors=True)
+        # Parsed as the SVG it is (an XML error gives an error page) and its
+        # script ran over every frame drawn.
+        m = re.search(r'<svg [^>]*data-frames="(\d+)" data-ready="yes"', dom)
+        self.assertIsNotNone(m, dom[:500])
+        self.assertEqual(int(m.group(1)), text.count("<rect") - 1)
+        self.assertGreater(int(m.group(1)), 3)
+
+    @unittest.skipUnless(shutil.which("heaptrack_print"), "needs heaptrack_print")
+    def test_heaptrack_print_reads_the_heaptrack_file_as_the_report_counts(self):
+        out = os.path.join(self.tmp, "leaks.gz")
+        res = json.loads(report("--json", "--heaptrack", out, self.files["leaks-000000.lwmdbg"]).stdout)
+        printed = subprocess.run(["heaptrack_print", "-f", out], capture_output=True, text=True, timeout=120).stdout
+        calls = int(re.search(r"calls to allocation functions: (\d+)", printed).group(1))
+        leaked = re.search(r"total memory leaked: ([\d.]+)([KMG]?)B?", printed)
+        scale = {"": 1, "K": 1e3, "M": 1e6, "G": 1e9}[leaked.group(2)]
+        self.assertEqual(calls, res["summary"]["blocks"])
+        self.assertAlmostEqual(float(leaked.group(1)) * scale, res["summary"]["bytes"], delta=res["summary"]["bytes"] / 500)
+        self.assertIn("leak_big()", printed)
+
     def test_a_file_cut_short_gives_what_it_holds(self):
         with open(self.files["leaks-000000.lwmdbg"]) as f:
             lines = f.read().splitlines(True)

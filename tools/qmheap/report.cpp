@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
+#include <tuple>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -13,6 +15,8 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include <zlib.h>
 
 #include "snapshot/reader.h"
 #include "symbols/symbols.h"
@@ -29,6 +33,7 @@ const std::set<std::string> kNotices = {"termination", "dealloc", "realloc", "un
 
 struct Options {
   bool json = false, folded = false;
+  std::string flamegraph, heaptrack;  // files to write, when asked
   std::vector<std::string> suppressions;
   std::vector<std::string> files;
 };
@@ -83,6 +88,15 @@ struct Reporter {
   int errors = 0, suppressed = 0;
   uint64_t leak_blocks = 0, leak_bytes = 0;
   std::vector<std::string> json_errors, json_leaks, json_files;
+  // The blocks still allocated, for the flame graph and the heaptrack file:
+  // one entry per allocation stack with its frames (innermost first).
+  struct Leak {
+    std::vector<Frame> frames;
+    uint64_t blocks, bytes;
+    std::vector<uint64_t> sizes;
+  };
+  std::vector<Leak> all_leaks;
+  std::string command;
 
   explicit Reporter(const Options& o) : opt(o) {}
 
@@ -198,6 +212,13 @@ struct Reporter {
     }
     leak_blocks += blocks;
     leak_bytes += bytes;
+    if (command.empty()) command = s.executable;
+    for (const auto& [g, fs] : shown) {
+      Leak l{fs, g.blocks, g.bytes, {}};
+      for (const auto& r : s.live)
+        if (r.backtrace_id == g.id) l.sizes.push_back(r.len);
+      all_leaks.push_back(std::move(l));
+    }
     for (const auto& [g, fs] : shown) {
       if (opt.folded) {
         std::string line;
@@ -244,12 +265,170 @@ struct Reporter {
   }
 };
 
+std::string frame_name(const Frame& f) {
+  std::string n = f.function.empty() ? where(f) : f.function;
+  std::replace(n.begin(), n.end(), ';', ':');
+  return n;
+}
+
+std::string xml(const std::string& s) {
+  std::string o;
+  for (char c : s) {
+    if (c == '<') o += "&lt;";
+    else if (c == '>') o += "&gt;";
+    else if (c == '&') o += "&amp;";
+    else if (c == '"') o += "&quot;";
+    else o += c;
+  }
+  return o;
+}
+
+// A flame graph of the bytes still allocated: the program's first frame at
+// the bottom, each frame as wide as the bytes allocated below it. One SVG
+// file, nothing outside it; hovering a frame shows its name and bytes.
+bool write_flamegraph(const std::string& path, const std::vector<Reporter::Leak>& leaks) {
+  struct Node {
+    std::map<std::string, Node> children;
+    uint64_t bytes = 0;
+  };
+  Node root;
+  for (const auto& l : leaks) {
+    Node* n = &root;
+    n->bytes += l.bytes;
+    for (size_t i = l.frames.size(); i-- > 0;) {
+      n = &n->children[frame_name(l.frames[i])];
+      n->bytes += l.bytes;
+    }
+  }
+  const double width = 1200, row = 16;
+  int depth = 0;
+  std::function<void(const Node&, int)> measure = [&](const Node& n, int d) {
+    depth = std::max(depth, d);
+    for (const auto& [k, c] : n.children) measure(c, d + 1);
+  };
+  measure(root, 0);
+  const double height = (depth + 3) * row;
+  std::FILE* f = std::fopen(path.c_str(), "w");
+  if (f == nullptr) return false;
+  std::fprintf(f,
+               "<?xml version=\"1.0\" standalone=\"no\"?>\n"
+               "<svg version=\"1.1\" width=\"%.0f\" height=\"%.0f\" viewBox=\"0 0 %.0f %.0f\" "
+               "xmlns=\"http://www.w3.org/2000/svg\" onload=\"qmheapInit(evt)\">\n"
+               "<style>text { font-family: monospace; font-size: 11px; } rect:hover { stroke: black; }</style>\n"
+               "<script type=\"text/ecmascript\"><![CDATA[\n"
+               "function qmheapInit(evt) {\n"
+               "  var svg = document.documentElement;\n"
+               "  svg.setAttribute('data-frames', document.getElementsByTagName('rect').length - 1);\n"
+               "  svg.setAttribute('data-ready', 'yes');\n"
+               "}\n]]></script>\n"
+               "<rect x=\"0\" y=\"0\" width=\"%.0f\" height=\"%.0f\" fill=\"#f8f8f0\"/>\n"
+               "<text x=\"%.0f\" y=\"14\" text-anchor=\"middle\">Blocks still allocated: %llu bytes</text>\n",
+               width, height, width, height, width, height, width / 2, static_cast<unsigned long long>(root.bytes));
+  int frames = 0;
+  std::function<void(const std::string&, const Node&, double, int)> draw = [&](const std::string& name,
+                                                                               const Node& n, double x, int d) {
+    const double w = root.bytes > 0 ? width * static_cast<double>(n.bytes) / static_cast<double>(root.bytes) : 0;
+    if (d > 0 && w >= 0.1) {
+      const double y = height - (d + 1) * row;
+      const unsigned hue = static_cast<unsigned>(std::hash<std::string>{}(name) % 40);
+      std::fprintf(f, "<g><title>%s (%llu bytes)</title><rect x=\"%.2f\" y=\"%.0f\" width=\"%.2f\" height=\"%.0f\" "
+                      "fill=\"rgb(%u,%u,%u)\" rx=\"2\"/>",
+                   xml(name).c_str(), static_cast<unsigned long long>(n.bytes), x, y, w, row - 1, 205 + hue, 80 + hue * 3,
+                   40);
+      if (w > 40) {
+        std::string label = name.substr(0, static_cast<size_t>(w / 7));
+        std::fprintf(f, "<text x=\"%.2f\" y=\"%.0f\">%s</text>", x + 3, y + row - 4, xml(label).c_str());
+      }
+      std::fprintf(f, "</g>\n");
+      ++frames;
+    }
+    double cx = x;
+    for (const auto& [k, c] : n.children) {
+      draw(k, c, cx, d + 1);
+      cx += root.bytes > 0 ? width * static_cast<double>(c.bytes) / static_cast<double>(root.bytes) : 0;
+    }
+  };
+  draw("all", root, 0, 0);
+  std::fprintf(f, "</svg>\n");
+  return std::fclose(f) == 0 && frames >= 0;
+}
+
+// The blocks still allocated as a heaptrack data file (the interpreted,
+// gzip-compressed form that heaptrack_print and heaptrack_gui read): every
+// block an allocation never released, under its stack.
+bool write_heaptrack(const std::string& path, const std::string& command, const std::vector<Reporter::Leak>& leaks) {
+  gzFile z = gzopen(path.c_str(), "wb");
+  if (z == nullptr) return false;
+  std::map<std::string, size_t> strings;
+  std::map<std::tuple<uint64_t, std::string, std::string, int>, size_t> ips;
+  std::map<std::pair<size_t, size_t>, size_t> traces;
+  std::map<std::pair<uint64_t, size_t>, size_t> infos;
+  auto str = [&](const std::string& s) -> size_t {
+    if (s.empty()) return 0;
+    auto it = strings.find(s);
+    if (it != strings.end()) return it->second;
+    const size_t id = strings.size() + 1;
+    strings[s] = id;
+    gzprintf(z, "s %zx %s\n", s.size(), s.c_str());
+    return id;
+  };
+  gzprintf(z, "v 10400 3\nX %s\nI 1000 0\n", command.empty() ? "qmheap" : command.c_str());
+  for (const auto& l : leaks) {
+    size_t parent = 0;
+    for (size_t i = l.frames.size(); i-- > 0;) {
+      const Frame& f = l.frames[i];
+      const auto key = std::make_tuple(f.pc, f.function, f.file, f.line);
+      size_t ip;
+      auto it = ips.find(key);
+      if (it != ips.end()) {
+        ip = it->second;
+      } else {
+        const size_t module = str(f.module.empty() ? "unknown" : f.module);
+        const size_t fn = str(f.function), file = str(f.file);
+        ip = ips.size() + 1;
+        ips[key] = ip;
+        if (fn != 0)
+          gzprintf(z, "i %llx %zx %zx %zx %x\n", static_cast<unsigned long long>(f.pc), module, fn, file, f.line);
+        else
+          gzprintf(z, "i %llx %zx\n", static_cast<unsigned long long>(f.pc), module);
+      }
+      auto t = traces.find({ip, parent});
+      if (t == traces.end()) {
+        const size_t id = traces.size() + 1;
+        traces[{ip, parent}] = id;
+        gzprintf(z, "t %zx %zx\n", ip, parent);
+        parent = id;
+      } else {
+        parent = t->second;
+      }
+    }
+    for (uint64_t size : l.sizes) {
+      auto key = std::make_pair(size, parent);
+      auto it = infos.find(key);
+      size_t info;
+      if (it == infos.end()) {
+        info = infos.size();
+        infos[key] = info;
+        gzprintf(z, "a %llx %zx\n", static_cast<unsigned long long>(size), parent);
+      } else {
+        info = it->second;
+      }
+      gzprintf(z, "+ %zx\n", info);
+    }
+  }
+  gzprintf(z, "c 1\n");
+  return gzclose(z) == Z_OK;
+}
+
 void report_usage(FILE* f) {
   std::fprintf(f,
-               "usage: qmheap report [--json | --folded] [--suppressions FILE] SNAPSHOT...\n"
+               "usage: qmheap report [--json | --folded] [--flamegraph FILE] [--heaptrack FILE.gz]\n"
+               "                     [--suppressions FILE] SNAPSHOT...\n"
                "Prints the errors and the blocks still allocated that snapshot files hold, every frame named.\n"
                "  --json               everything as one JSON object\n"
                "  --folded             the blocks still allocated as collapsed stacks (flame-graph input)\n"
+               "  --flamegraph FILE    and as a flame graph, an SVG file a browser opens\n"
+               "  --heaptrack FILE.gz  and as a heaptrack data file (heaptrack_print, heaptrack_gui)\n"
                "  --suppressions FILE  hide errors and blocks whose stack has a function containing a line of FILE\n"
                "Exit status: 0 no error, 1 errors found, 2 a file could not be read at all.\n");
 }
@@ -272,6 +451,8 @@ int report_main(int argc, char** argv) {
       opt.json = true;
     } else if (a == "--folded") {
       opt.folded = true;
+    } else if ((a == "--flamegraph" || a == "--heaptrack") && i + 1 < argc) {
+      (a == "--flamegraph" ? opt.flamegraph : opt.heaptrack) = argv[++i];
     } else if (a == "--suppressions" && i + 1 < argc) {
       std::ifstream in(argv[++i]);
       if (!in) {
@@ -313,5 +494,13 @@ int report_main(int argc, char** argv) {
     rep.file(s);
   }
   rep.finish();
+  if (!opt.flamegraph.empty() && !write_flamegraph(opt.flamegraph, rep.all_leaks)) {
+    std::fprintf(stderr, "qmheap report: cannot write %s\n", opt.flamegraph.c_str());
+    return 2;
+  }
+  if (!opt.heaptrack.empty() && !write_heaptrack(opt.heaptrack, rep.command, rep.all_leaks)) {
+    std::fprintf(stderr, "qmheap report: cannot write %s\n", opt.heaptrack.c_str());
+    return 2;
+  }
   return unreadable ? 2 : rep.errors > 0 ? 1 : 0;
 }

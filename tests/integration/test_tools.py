@@ -108,11 +108,16 @@ class ReportTest(unittest.TestCase):
         cls.tmp = tempfile.mkdtemp()
         settings = ("enable_generate_lwmdbg=true lwmdbg_termination=true lwmdbg_dealloc_mismatch=true "
                     "lwmdbg_pathname=%s/%s-%%6q.lwmdbg")
-        for case in ("new-free", "leaks"):
-            r = qmtest.run([target("families"), case],
+        # A stripped copy of the program: its frames can only be module and offset.
+        cls.stripped = os.path.join(cls.tmp, "families-stripped")
+        shutil.copy(target("families"), cls.stripped)
+        subprocess.run(["strip", cls.stripped], check=True)
+        for case, prog in (("new-free", target("families")), ("leaks", target("families")),
+                           ("stripped", cls.stripped)):
+            r = qmtest.run([prog, "leaks" if case == "stripped" else case],
                            env={"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": settings % (cls.tmp, case)})
             assert r.returncode == 0, r.stderr
-        cls.files = {n: os.path.join(cls.tmp, n) for n in os.listdir(cls.tmp)}
+        cls.files = {n: os.path.join(cls.tmp, n) for n in os.listdir(cls.tmp) if n.endswith(".lwmdbg")}
 
     @classmethod
     def tearDownClass(cls):
@@ -189,6 +194,11 @@ class ReportTest(unittest.TestCase):
         self.assertAlmostEqual(float(leaked.group(1)) * scale, res["summary"]["bytes"], delta=res["summary"]["bytes"] / 500)
         self.assertIn("leak_big()", printed)
 
+    def test_a_stripped_program_gets_module_and_offset(self):
+        r = report(self.files["stripped-000000.lwmdbg"])
+        self.assertRegex(r.stdout, r"5000 bytes in 1 blocks allocated by:\n +#0 +0x[0-9a-f]+ \(%s\+0x[0-9a-f]+\)"
+                         % re.escape(self.stripped))
+
     def test_a_file_cut_short_gives_what_it_holds(self):
         with open(self.files["leaks-000000.lwmdbg"]) as f:
             lines = f.read().splitlines(True)
@@ -202,6 +212,31 @@ class ReportTest(unittest.TestCase):
         r = report(os.path.join(self.tmp, "missing.lwmdbg"))
         self.assertEqual(r.returncode, 2)
         self.assertIn("cannot be opened", r.stderr)
+
+
+@unittest.skipUnless(qmtest.is_64() and os.path.exists(LAUNCHER), "installs from the x86-64 tree")
+class InstallTest(unittest.TestCase):
+    def test_installed_the_launcher_finds_both_agents_beside_it(self):
+        d = tempfile.mkdtemp()
+        try:
+            for tree in ("x86_64", "i386"):
+                b = os.path.join(config()["source_dir"], "build", tree)
+                if os.path.exists(os.path.join(b, "cmake_install.cmake")):
+                    subprocess.run(["cmake", "--install", b, "--prefix", d], check=True, capture_output=True)
+            for f in ("bin/qmheap", "bin/qmheap-inspect", "lib/qmheap/libqmheap_64.so", "share/man/man1/qmheap.1"):
+                self.assertTrue(os.path.exists(os.path.join(d, f)), f)
+            e = dict(os.environ, QMHEAP_CONFIG_FILE="")
+            e.pop("LD_PRELOAD", None)
+            r = subprocess.run([os.path.join(d, "bin", "qmheap"), "--", "/usr/bin/env"], capture_output=True, text=True,
+                               env=e)
+            self.assertEqual(environment(r.stdout)["LD_PRELOAD"],
+                             os.path.realpath(os.path.join(d, "lib", "qmheap", "libqmheap_64.so")))
+            man = subprocess.run(["man", os.path.join(d, "share", "man", "man1", "qmheap.1")], capture_output=True,
+                                 text=True) if shutil.which("man") else None
+            if man is not None and man.returncode == 0:
+                self.assertIn("run a program under the qmheap heap checker", man.stdout)
+        finally:
+            shutil.rmtree(d)
 
 
 EXTENSION = os.path.join(config()["source_dir"], "tools", "gdb", "qmheap.py")

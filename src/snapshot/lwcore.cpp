@@ -238,15 +238,44 @@ bool write_memory(int fd, uintptr_t start, uintptr_t end) {
 
 size_t note_size(size_t desc) { return sizeof(Nhdr) + 8 + ((desc + 3) & ~size_t{3}); }
 
-bool write_note(int fd, int type, const void* desc, size_t len) {
+// A note of the given owner name ("CORE", or "QMHEAP" for the agent's own;
+// seven characters at most).
+bool write_note(int fd, int type, const void* desc, size_t len, const char* owner = "CORE") {
   Nhdr h = {};
-  h.n_namesz = 5;  // "CORE" and its NUL
+  char name[8] = {};
+  size_t n = 0;
+  while (owner[n] != '\0' && n < 7) {
+    name[n] = owner[n];
+    ++n;
+  }
+  h.n_namesz = static_cast<decltype(h.n_namesz)>(n + 1);
   h.n_descsz = static_cast<decltype(h.n_descsz)>(len);
   h.n_type = static_cast<decltype(h.n_type)>(type);
-  static constexpr char kName[8] = "CORE";
   static constexpr char kPad[4] = {};
-  return write_all(fd, &h, sizeof h) && write_all(fd, kName, 8) && write_all(fd, desc, len) &&
+  return write_all(fd, &h, sizeof h) && write_all(fd, name, 8) && write_all(fd, desc, len) &&
          write_all(fd, kPad, ((len + 3) & ~size_t{3}) - len);
+}
+
+// The agent's note: the executable's path and the loaded images as the
+// snapshot file lists them ("base^dynamic^name" lines), so that a reader can
+// name the heap's stacks from the core file alone. Into out, or measured.
+constexpr int kImagesNote = 1;
+size_t images_text(char* out, size_t cap) {
+  char line[4096 + 64];
+  size_t n = 0;
+  auto put = [&](int len) {
+    if (out != nullptr && n + static_cast<size_t>(len) < cap) __builtin_memcpy(out + n, line, static_cast<size_t>(len));
+    n += static_cast<size_t>(len);
+  };
+  __builtin_memcpy(line, "exe^", 4);
+  int len = QM_getexepathname(line + 4, static_cast<int>(sizeof line) - 6) >= 0 ? 4 + static_cast<int>(strlen(line + 4)) : 4;
+  line[len++] = '\n';
+  put(len);
+  for (const link_map* m = _r_debug.r_map; m != nullptr; m = m->l_next)
+    put(QM_s_snprintf(line, sizeof line, "%#lx^%#lx^%s\n", static_cast<unsigned long>(m->l_addr),
+                      reinterpret_cast<unsigned long>(m->l_ld), m->l_name != nullptr ? m->l_name : ""));
+  if (out != nullptr && n < cap) out[n] = '\0';
+  return n;
 }
 
 // The auxiliary vector, read whole.
@@ -290,7 +319,16 @@ __attribute__((noinline)) int write_core(int fd) {
   char auxv[4096];
   const size_t auxv_len = read_auxv(auxv, sizeof auxv);
 
-  const size_t notes = note_size(sizeof status) + note_size(sizeof info) + note_size(auxv_len);
+  const size_t images_len = images_text(nullptr, 0);
+  char* images = static_cast<char*>(QM_page_alloc(images_len + 1, mmt_hia_lwmdbg_buffer));
+  if (images == nullptr) return -1;
+  images_text(images, images_len + 1);
+  struct Release {
+    char* p;
+    ~Release() { QM_page_dealloc(p); }
+  } release{images};
+  const size_t notes =
+      note_size(sizeof status) + note_size(sizeof info) + note_size(auxv_len) + note_size(images_len);
   const size_t phnum = 1 + ranges.n;
   Ehdr eh = {};
   __builtin_memcpy(eh.e_ident, ELFMAG, SELFMAG);
@@ -330,7 +368,7 @@ __attribute__((noinline)) int write_core(int fd) {
     offset += ph.p_filesz;
   }
   if (!write_note(fd, NT_PRSTATUS, &status, sizeof status) || !write_note(fd, NT_PRPSINFO, &info, sizeof info) ||
-      !write_note(fd, NT_AUXV, auxv, auxv_len))
+      !write_note(fd, NT_AUXV, auxv, auxv_len) || !write_note(fd, kImagesNote, images, images_len, "QMHEAP"))
     return -1;
   if (lseek(fd, static_cast<off_t>(data_start), SEEK_SET) < 0) return -1;
   for (size_t i = 0; i < ranges.n; ++i)

@@ -117,7 +117,11 @@ class ReportTest(unittest.TestCase):
             r = qmtest.run([prog, "leaks" if case == "stripped" else case],
                            env={"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": settings % (cls.tmp, case)})
             assert r.returncode == 0, r.stderr
-        cls.files = {n: os.path.join(cls.tmp, n) for n in os.listdir(cls.tmp) if n.endswith(".lwmdbg")}
+        r = qmtest.run([target("families"), "leaks"],
+                       env={"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": "enable_generate_lwmem=true lwmem_termination=true "
+                            "lwmem_pathname=%s/core-%%6q.lwmem" % cls.tmp})
+        assert r.returncode == 0, r.stderr
+        cls.files = {n: os.path.join(cls.tmp, n) for n in os.listdir(cls.tmp) if n.endswith((".lwmdbg", ".lwmem"))}
 
     @classmethod
     def tearDownClass(cls):
@@ -193,6 +197,14 @@ class ReportTest(unittest.TestCase):
         self.assertEqual(calls, res["summary"]["blocks"])
         self.assertAlmostEqual(float(leaked.group(1)) * scale, res["summary"]["bytes"], delta=res["summary"]["bytes"] / 500)
         self.assertIn("leak_big()", printed)
+
+    def test_a_lightweight_core_reads_as_a_snapshot(self):
+        r = report(self.files["core-000000.lwmem"])
+        self.assertEqual(r.returncode, 0, r.stderr)
+        groups = re.findall(r"^(\d+) bytes in (\d+) blocks allocated by:\n +#0 +0x[0-9a-f]+ (\S+)", r.stdout, re.M)
+        ours = [g for g in groups if g[2] in ("leak_big()", "leak_small()")]
+        self.assertEqual(ours, [("5000", "1", "leak_big()"), ("300", "3", "leak_small()")])
+        self.assertRegex(r.stdout, r"^== \S+core-000000.lwmem: pid \d+, \S+families, %d-bit" % (64 if qmtest.is_64() else 32))
 
     def test_a_stripped_program_gets_module_and_offset(self):
         r = report(self.files["stripped-000000.lwmdbg"])

@@ -3,6 +3,7 @@
 // grouped by the stack that allocated them, largest first; every frame named
 // to function, file and line (libdw), or module and offset where the image
 // has no symbols. --json for programs, --folded for flame-graph tools.
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -435,6 +436,51 @@ void report_usage(FILE* f) {
 
 }  // namespace
 
+// A lightweight core file holds the heap's tables, not a snapshot: the root
+// block's reader turns it into one first.
+std::string inspect_tool() {
+  char buf[4096];
+  ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+  std::string dir = n > 0 ? std::string(buf, static_cast<size_t>(n)) : ".";
+  dir = dir.substr(0, dir.rfind('/'));
+  for (const std::string& p : {dir + "/qmheap-inspect", std::string(QMHEAP_SOURCE_DIR "/tools/inspect/qmheap-inspect")})
+    if (access(p.c_str(), X_OK) == 0) return p;
+  return "";
+}
+
+bool is_core(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  char magic[4] = {};
+  in.read(magic, 4);
+  return in.gcount() == 4 && std::memcmp(magic, "\x7f" "ELF", 4) == 0;
+}
+
+// The snapshot of a core in a temporary file (removed by the caller); empty
+// when it could not be made, with the reason said.
+std::string snapshot_of_core(const std::string& core) {
+  const std::string tool = inspect_tool();
+  if (tool.empty()) {
+    std::fprintf(stderr, "qmheap report: %s: a core file, but qmheap-inspect is not installed to read it\n", core.c_str());
+    return "";
+  }
+  char tmpl[] = "/tmp/qmheap-core-XXXXXX";
+  const int fd = mkstemp(tmpl);
+  if (fd < 0) return "";
+  close(fd);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    execl(tool.c_str(), tool.c_str(), "--core", core.c_str(), "--snapshot", tmpl, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    std::fprintf(stderr, "qmheap report: %s: the core file could not be read\n", core.c_str());
+    unlink(tmpl);
+    return "";
+  }
+  return tmpl;
+}
+
 // On a terminal, a long file's reading shows how far it has got.
 bool progress_shown = false;
 void show_progress(const std::string& path, size_t lines) {
@@ -480,7 +526,19 @@ int report_main(int argc, char** argv) {
   bool unreadable = false;
   for (const auto& path : opt.files) {
     const bool tty = isatty(2);
-    Snapshot s = qmtool::read_snapshot(path, tty ? show_progress : nullptr);
+    std::string from = path;
+    if (is_core(path)) {
+      from = snapshot_of_core(path);
+      if (from.empty()) {
+        unreadable = true;
+        continue;
+      }
+    }
+    Snapshot s = qmtool::read_snapshot(from, tty ? show_progress : nullptr);
+    if (from != path) {
+      unlink(from.c_str());
+      s.path = path;
+    }
     if (progress_shown) std::fprintf(stderr, "\n");
     progress_shown = false;
     if (s.live.empty() && s.released.empty() && s.stacks.empty() && !s.problems.empty() &&

@@ -206,6 +206,22 @@ class ReportTest(unittest.TestCase):
         self.assertEqual(ours, [("5000", "1", "leak_big()"), ("300", "3", "leak_small()")])
         self.assertRegex(r.stdout, r"^== \S+core-000000.lwmem: pid \d+, \S+families, %d-bit" % (64 if qmtest.is_64() else 32))
 
+    @unittest.skipUnless(qmtest.is_64(), "real host programs are x86-64")
+    def test_a_real_program_at_exit(self):
+        snap = os.path.join(self.tmp, "python")
+        os.mkdir(snap)
+        r = subprocess.run([LAUNCHER, "--snapshot-at-exit", "--lwmdbg-pathname=%s/py-%%6q.lwmdbg" % snap, "--",
+                            "python3", "-c", "import json, re; print(json.dumps([re.sub('a', 'b', 'abc')]))"],
+                           capture_output=True, text=True, env=dict(os.environ, QMHEAP_CONFIG_FILE=""))
+        self.assertEqual(r.stdout, '["bbc"]\n')
+        res = json.loads(report("--json", os.path.join(snap, "py-000000.lwmdbg")).stdout)
+        self.assertEqual(res["summary"]["errors"], 0)
+        self.assertGreater(res["summary"]["blocks"], 100)
+        frames = [f for l in res["still_allocated"] for f in l["stack"]]
+        # Every frame is placed in its image; python's own are named.
+        self.assertTrue(all(f["module"] for f in frames))
+        self.assertIn(True, [f["function"].startswith("_Py") or f["function"].startswith("Py") for f in frames])
+
     def test_a_stripped_program_gets_module_and_offset(self):
         r = report(self.files["stripped-000000.lwmdbg"])
         self.assertRegex(r.stdout, r"5000 bytes in 1 blocks allocated by:\n +#0 +0x[0-9a-f]+ \(%s\+0x[0-9a-f]+\)"

@@ -42,6 +42,7 @@ std::string die_name(Dwarf_Die* die) {
 
 struct Symbolizer::Impl {
   Dwfl* dwfl = nullptr;
+  std::map<uint64_t, std::string> missing;  // images whose files are gone, by load address
   std::map<uint64_t, std::vector<Frame>> cache;
 };
 
@@ -51,7 +52,10 @@ Symbolizer::Symbolizer(const std::vector<Image>& images, const std::string& exec
   dwfl_report_begin(impl_->dwfl);
   for (const auto& im : images) {
     const std::string path = im.name.empty() ? executable : im.name;
-    if (path.empty() || access(path.c_str(), R_OK) != 0) continue;  // the vdso, a file gone since
+    if (path.empty() || access(path.c_str(), R_OK) != 0) {  // the vdso, a file gone since
+      if (!path.empty() && im.base != 0) impl_->missing[im.base] = path;
+      continue;
+    }
     dwfl_report_elf(impl_->dwfl, path.c_str(), path.c_str(), -1, im.base, false);
   }
   dwfl_report_end(impl_->dwfl, nullptr, nullptr);
@@ -71,6 +75,13 @@ std::vector<Frame> Symbolizer::frames(uint64_t pc) {
   const Dwarf_Addr addr = pc > 0 ? pc - 1 : pc;
   Dwfl_Module* mod = impl_->dwfl != nullptr ? dwfl_addrmodule(impl_->dwfl, addr) : nullptr;
   if (mod == nullptr) {
+    // An image whose file is gone: its name and the offset from where it was.
+    auto it = impl_->missing.upper_bound(pc);
+    if (it != impl_->missing.begin()) {
+      --it;
+      f.module = it->second;
+      f.offset = pc - it->first;
+    }
     out.push_back(f);
     return impl_->cache[pc] = out;
   }

@@ -577,29 +577,28 @@ namespace {
 
 // --- data tables -------------------------------------------------------------------
 
-#define QM_CD(var) constinit const cd_data_t cd_##var = {#var, &var};
-#define QM_CD_FN(fn) constinit const cd_data_t cd_##fn = {#fn, fn##_code};
-#define QM_CD_ENTRY(var) {&cd_##var, cd_dte_data}
-#define QM_CD_CONST(var) {&cd_##var, cd_dte_data_const}
+// A data table from the list of its items, each named once: V(var) a
+// variable, C(var) a constant. Every item is a cd_data_t holding the
+// variable's own name and address.
+#define QM_CD_ITEM(var) constinit const cd_data_t cd_##var = {#var, &var};
+#define QM_CD_VAR(var) {&cd_##var, cd_dte_data},
+#define QM_CD_CONSTANT(var) {&cd_##var, cd_dte_data_const},
 #define QM_CD_TABLE(t) {&t, cd_dte_table}
+#define QM_CD_DEFINE(name, LIST)                                                                  \
+  LIST(QM_CD_ITEM, QM_CD_ITEM)                                                                    \
+  constinit const cd_data_table_entry_t name##_entries[] = {LIST(QM_CD_VAR, QM_CD_CONSTANT)};     \
+  constinit const cd_data_table_t name = data_table_of(name##_entries);
 
 template <size_t N>
 constexpr cd_data_table_t data_table_of(const cd_data_table_entry_t (&e)[N]) {
   return {e, static_cast<int>(N)};
 }
 
-QM_CD(QM_qm_distribution)
-constinit const cd_data_table_entry_t utilities_entries[] = {QM_CD_CONST(QM_qm_distribution)};
-constinit const cd_data_table_t utilities_table = data_table_of(utilities_entries);
-
-QM_CD(QM_STACK_version_major)
-QM_CD(QM_STACK_version_minor)
-QM_CD(QM_STACK_version_point)
-QM_CD(QM_STACK_version_service)
-constinit const cd_data_table_entry_t stack_version_entries[] = {
-    QM_CD_CONST(QM_STACK_version_major), QM_CD_CONST(QM_STACK_version_minor), QM_CD_CONST(QM_STACK_version_point),
-    QM_CD_CONST(QM_STACK_version_service)};
-constinit const cd_data_table_t stack_version_table = data_table_of(stack_version_entries);
+#define UTILITIES(V, C) C(QM_qm_distribution)
+QM_CD_DEFINE(utilities_table, UTILITIES)
+#define STACK_VERSION(V, C) \
+  C(QM_STACK_version_major) C(QM_STACK_version_minor) C(QM_STACK_version_point) C(QM_STACK_version_service)
+QM_CD_DEFINE(stack_version_table, STACK_VERSION)
 constinit const cd_data_table_entry_t stack_entries[] = {QM_CD_TABLE(utilities_table),
                                                          QM_CD_TABLE(stack_version_table)};
 constinit const cd_data_table_t stack_data_table = data_table_of(stack_entries);
@@ -630,174 +629,71 @@ constinit QM_ia_root_block_t stack_backtrace_root_block =
 
 namespace {
 
-QM_CD(stack_backtrace_root_block)
-QM_CD_FN(QM_HEAP_notify_breakpoint_here)
-QM_CD_FN(QM_HEAP_backtrace_get_trim)
+QM_CD_ITEM(stack_backtrace_root_block)
+constinit const cd_data_t cd_QM_HEAP_notify_breakpoint_here = {"QM_HEAP_notify_breakpoint_here",
+                                                               QM_HEAP_notify_breakpoint_here_code};
+constinit const cd_data_t cd_QM_HEAP_backtrace_get_trim = {"QM_HEAP_backtrace_get_trim",
+                                                           QM_HEAP_backtrace_get_trim_code};
 
-QM_CD(QM_HEAP_backtrace_depth)
-QM_CD(QM_HEAP_backtrace_initial_trim)
-QM_CD(QM_HEAP_backtrace_table)
-constinit const cd_data_table_entry_t backtrace_entries_cd[] = {
-    QM_CD_ENTRY(QM_HEAP_backtrace_depth), QM_CD_ENTRY(QM_HEAP_backtrace_initial_trim),
-    QM_CD_ENTRY(QM_HEAP_backtrace_table)};
-
-QM_CD(QM_HEAP_event_console_filter_master_switch)
-QM_CD(QM_HEAP_event_console_filters)
-QM_CD(QM_HEAP_event_filter_master_switch)
-QM_CD(QM_HEAP_event_filters)
-QM_CD(QM_HEAP_generate_core_master_switch)
-QM_CD(QM_HEAP_generate_core_filters)
-QM_CD(QM_HEAP_lwmdbg_generate_master_switch)
-QM_CD(QM_HEAP_lwmdbg_generate_filters)
-QM_CD(QM_HEAP_lwcore_generate_master_switch)
-QM_CD(QM_HEAP_lwcore_generate_filters)
-QM_CD(QM_HEAP_exit_on_event_master_switch)
-QM_CD(QM_HEAP_exit_on_event_filters)
-constinit const cd_data_table_entry_t event_controls_cd[] = {
-    QM_CD_ENTRY(QM_HEAP_event_console_filter_master_switch), QM_CD_ENTRY(QM_HEAP_event_console_filters),
-    QM_CD_ENTRY(QM_HEAP_event_filter_master_switch),         QM_CD_ENTRY(QM_HEAP_event_filters),
-    QM_CD_ENTRY(QM_HEAP_generate_core_master_switch),        QM_CD_ENTRY(QM_HEAP_generate_core_filters),
-    QM_CD_ENTRY(QM_HEAP_lwmdbg_generate_master_switch),      QM_CD_ENTRY(QM_HEAP_lwmdbg_generate_filters),
-    QM_CD_ENTRY(QM_HEAP_lwcore_generate_master_switch),      QM_CD_ENTRY(QM_HEAP_lwcore_generate_filters),
-    QM_CD_ENTRY(QM_HEAP_exit_on_event_master_switch),        QM_CD_ENTRY(QM_HEAP_exit_on_event_filters)};
-
-QM_CD(QM_HEAP_hoarding_enabled)
-QM_CD(QM_HEAP_hoarding_all_blocks)
-QM_CD(QM_HEAP_hoard_max_num_blocks)
-QM_CD(QM_HEAP_hoard_max_kb)
-QM_CD(QM_HEAP_hoard_autoshrink_enabled)
-QM_CD(QM_HEAP_hoard_autoshrink_threshold_kb)
-QM_CD(QM_HEAP_hoard_autoshrink_threshold_trigger_count)
-QM_CD(QM_HEAP_hoard_num_blocks)
-QM_CD(QM_HEAP_hoard_kb)
-QM_CD(QM_HEAP_hoard_bytes)
-QM_CD(QM_HEAP_hoard_table)
-constinit const cd_data_table_entry_t hoard_cd[] = {
-    QM_CD_ENTRY(QM_HEAP_hoarding_enabled),
-    QM_CD_ENTRY(QM_HEAP_hoarding_all_blocks),
-    QM_CD_ENTRY(QM_HEAP_hoard_max_num_blocks),
-    QM_CD_ENTRY(QM_HEAP_hoard_max_kb),
-    QM_CD_ENTRY(QM_HEAP_hoard_autoshrink_enabled),
-    QM_CD_ENTRY(QM_HEAP_hoard_autoshrink_threshold_kb),
-    QM_CD_ENTRY(QM_HEAP_hoard_autoshrink_threshold_trigger_count),
-    QM_CD_ENTRY(QM_HEAP_hoard_num_blocks),
-    QM_CD_ENTRY(QM_HEAP_hoard_kb),
-    QM_CD_ENTRY(QM_HEAP_hoard_bytes),
-    QM_CD_ENTRY(QM_HEAP_hoard_table)};
-
-QM_CD(QM_HEAP_event_core_is_valid)
-QM_CD(QM_HEAP_event_core)
-constinit const cd_data_table_entry_t event_core_cd[] = {QM_CD_ENTRY(QM_HEAP_event_core_is_valid),
-                                                         QM_CD_ENTRY(QM_HEAP_event_core)};
-
-QM_CD(QM_HEAP_guard_enabled)
-QM_CD(QM_HEAP_guard_max_size)
-QM_CD(QM_HEAP_guard_pre_size)
-QM_CD(QM_HEAP_guard_post_size)
-QM_CD(QM_HEAP_guard_pre_pattern)
-QM_CD(QM_HEAP_guard_post_pattern)
-QM_CD(QM_HEAP_guard_pattern_alignment)
-QM_CD(QM_HEAP_guard_payload_alignment)
-QM_CD(QM_HEAP_guard_pattern_width)
-constinit const cd_data_table_entry_t guard_controls_cd[] = {
-    QM_CD_ENTRY(QM_HEAP_guard_enabled),          QM_CD_ENTRY(QM_HEAP_guard_max_size),
-    QM_CD_ENTRY(QM_HEAP_guard_pre_size),         QM_CD_ENTRY(QM_HEAP_guard_post_size),
-    QM_CD_ENTRY(QM_HEAP_guard_pre_pattern),      QM_CD_ENTRY(QM_HEAP_guard_post_pattern),
-    QM_CD_CONST(QM_HEAP_guard_pattern_alignment), QM_CD_ENTRY(QM_HEAP_guard_payload_alignment),
-    QM_CD_CONST(QM_HEAP_guard_pattern_width)};
-
-QM_CD(QM_HEAP_generation)
-constinit const cd_data_table_entry_t generation_cd[] = {QM_CD_ENTRY(QM_HEAP_generation)};
-QM_CD(QM_HEAP_guard_table)
-constinit const cd_data_table_entry_t guard_table_cd[] = {QM_CD_ENTRY(QM_HEAP_guard_table)};
-QM_CD(QM_HEAP_allocation_table)
-QM_CD(QM_HEAP_deallocation_table)
-constinit const cd_data_table_entry_t heap_cd[] = {QM_CD_ENTRY(QM_HEAP_allocation_table),
-                                                   QM_CD_ENTRY(QM_HEAP_deallocation_table)};
-
-QM_CD(QM_HEAP_startup_config_done)
-QM_CD(QM_HEAP_verbosity)
-QM_CD(QM_HEAP_owner_purge_hoard)
-constinit const cd_data_table_entry_t agent_controls_cd[] = {
-    QM_CD_ENTRY(QM_HEAP_startup_config_done), QM_CD_ENTRY(QM_HEAP_verbosity), QM_CD_ENTRY(QM_HEAP_owner_purge_hoard)};
-
-QM_CD(QM_HEAP_lwcore_sequence_number)
-QM_CD(QM_HEAP_lwcore_pathname_specifier)
-QM_CD(QM_HEAP_lwcore_pathname_specifier_max_length)
-constinit const cd_data_table_entry_t lwcore_cd[] = {QM_CD_ENTRY(QM_HEAP_lwcore_sequence_number),
-                                                     QM_CD_ENTRY(QM_HEAP_lwcore_pathname_specifier),
-                                                     QM_CD_CONST(QM_HEAP_lwcore_pathname_specifier_max_length)};
-QM_CD(QM_HEAP_lwmdbg_sequence_number)
-QM_CD(QM_HEAP_lwmdbg_pathname_specifier)
-QM_CD(QM_HEAP_lwmdbg_pathname_specifier_max_length)
-constinit const cd_data_table_entry_t lwmdbg_cd[] = {QM_CD_ENTRY(QM_HEAP_lwmdbg_sequence_number),
-                                                     QM_CD_ENTRY(QM_HEAP_lwmdbg_pathname_specifier),
-                                                     QM_CD_CONST(QM_HEAP_lwmdbg_pathname_specifier_max_length)};
-
-QM_CD(QM_HEAP_paint_paint_on_allocation)
-QM_CD(QM_HEAP_paint_paint_on_deallocation)
-QM_CD(QM_HEAP_paint_paint_over_zero)
-QM_CD(QM_HEAP_paint_pattern_allocation)
-QM_CD(QM_HEAP_paint_pattern_deallocation)
-QM_CD(QM_HEAP_paint_pattern_width)
-constinit const cd_data_table_entry_t paint_cd[] = {
-    QM_CD_ENTRY(QM_HEAP_paint_paint_on_allocation),  QM_CD_ENTRY(QM_HEAP_paint_paint_on_deallocation),
-    QM_CD_ENTRY(QM_HEAP_paint_paint_over_zero),      QM_CD_ENTRY(QM_HEAP_paint_pattern_allocation),
-    QM_CD_ENTRY(QM_HEAP_paint_pattern_deallocation), QM_CD_CONST(QM_HEAP_paint_pattern_width)};
-
-QM_CD(QM_HEAP_version_major)
-QM_CD(QM_HEAP_version_minor)
-QM_CD(QM_HEAP_version_point)
-QM_CD(QM_HEAP_version_service)
-constinit const cd_data_table_entry_t version_cd[] = {
-    QM_CD_CONST(QM_HEAP_version_major), QM_CD_CONST(QM_HEAP_version_minor), QM_CD_CONST(QM_HEAP_version_point),
-    QM_CD_CONST(QM_HEAP_version_service)};
-
-QM_CD(QM_HEAP_rz_table)
-constinit const cd_data_table_entry_t rz_allocator_cd[] = {QM_CD_ENTRY(QM_HEAP_rz_table)};
-QM_CD(QM_HEAP_rz_enabled)
-QM_CD(QM_HEAP_rz_alloc_mode)
-QM_CD(QM_HEAP_rz_alignment)
-QM_CD(QM_HEAP_rz_fence_size)
-QM_CD(QM_HEAP_rz_exit_val)
-QM_CD(QM_HEAP_rz_want_end_aligned)
-QM_CD(QM_HEAP_rz_want_pre_fence)
-QM_CD(QM_HEAP_rz_want_post_fence)
-QM_CD(QM_HEAP_rz_want_use_after_free)
-QM_CD(QM_HEAP_rz_size_ranges_enabled)
-QM_CD(QM_HEAP_rz_size_ranges)
-QM_CD(QM_HEAP_rz_size_ranges_num_ranges)
-constinit const cd_data_table_entry_t rz_controls_cd[] = {
-    QM_CD_ENTRY(QM_HEAP_rz_enabled),           QM_CD_ENTRY(QM_HEAP_rz_alloc_mode),
-    QM_CD_ENTRY(QM_HEAP_rz_alignment),         QM_CD_ENTRY(QM_HEAP_rz_fence_size),
-    QM_CD_ENTRY(QM_HEAP_rz_exit_val),          QM_CD_ENTRY(QM_HEAP_rz_want_end_aligned),
-    QM_CD_ENTRY(QM_HEAP_rz_want_pre_fence),    QM_CD_ENTRY(QM_HEAP_rz_want_post_fence),
-    QM_CD_ENTRY(QM_HEAP_rz_want_use_after_free), QM_CD_ENTRY(QM_HEAP_rz_size_ranges_enabled),
-    QM_CD_ENTRY(QM_HEAP_rz_size_ranges),       QM_CD_ENTRY(QM_HEAP_rz_size_ranges_num_ranges)};
-
-constinit const cd_data_table_t backtrace_cd_table = data_table_of(backtrace_entries_cd);
-constinit const cd_data_table_t event_controls_table = data_table_of(event_controls_cd);
-constinit const cd_data_table_t hoard_cd_table = data_table_of(hoard_cd);
-constinit const cd_data_table_t event_core_table = data_table_of(event_core_cd);
-constinit const cd_data_table_t guard_controls_table = data_table_of(guard_controls_cd);
-constinit const cd_data_table_t generation_cd_table = data_table_of(generation_cd);
-constinit const cd_data_table_t guard_table_cd_table = data_table_of(guard_table_cd);
-constinit const cd_data_table_t heap_cd_table = data_table_of(heap_cd);
-constinit const cd_data_table_t agent_controls_table = data_table_of(agent_controls_cd);
-constinit const cd_data_table_t lwcore_cd_table = data_table_of(lwcore_cd);
-constinit const cd_data_table_t lwmdbg_cd_table = data_table_of(lwmdbg_cd);
-constinit const cd_data_table_t paint_cd_table = data_table_of(paint_cd);
-constinit const cd_data_table_t version_cd_table = data_table_of(version_cd);
-constinit const cd_data_table_t rz_allocator_cd_table = data_table_of(rz_allocator_cd);
-constinit const cd_data_table_t rz_controls_cd_table = data_table_of(rz_controls_cd);
+#define BACKTRACE_DATA(V, C) V(QM_HEAP_backtrace_depth) V(QM_HEAP_backtrace_initial_trim) V(QM_HEAP_backtrace_table)
+QM_CD_DEFINE(backtrace_cd_table, BACKTRACE_DATA)
+#define EVENT_CONTROLS(V, C)                                                                                 \
+  V(QM_HEAP_event_console_filter_master_switch) V(QM_HEAP_event_console_filters)                            \
+  V(QM_HEAP_event_filter_master_switch) V(QM_HEAP_event_filters) V(QM_HEAP_generate_core_master_switch)     \
+  V(QM_HEAP_generate_core_filters) V(QM_HEAP_lwmdbg_generate_master_switch) V(QM_HEAP_lwmdbg_generate_filters) \
+  V(QM_HEAP_lwcore_generate_master_switch) V(QM_HEAP_lwcore_generate_filters)                               \
+  V(QM_HEAP_exit_on_event_master_switch) V(QM_HEAP_exit_on_event_filters)
+QM_CD_DEFINE(event_controls_table, EVENT_CONTROLS)
+#define HOARD_DATA(V, C)                                                                                      \
+  V(QM_HEAP_hoarding_enabled) V(QM_HEAP_hoarding_all_blocks) V(QM_HEAP_hoard_max_num_blocks) V(QM_HEAP_hoard_max_kb) \
+  V(QM_HEAP_hoard_autoshrink_enabled) V(QM_HEAP_hoard_autoshrink_threshold_kb)                                \
+  V(QM_HEAP_hoard_autoshrink_threshold_trigger_count) V(QM_HEAP_hoard_num_blocks) V(QM_HEAP_hoard_kb)        \
+  V(QM_HEAP_hoard_bytes) V(QM_HEAP_hoard_table)
+QM_CD_DEFINE(hoard_cd_table, HOARD_DATA)
+#define EVENT_CORE(V, C) V(QM_HEAP_event_core_is_valid) V(QM_HEAP_event_core)
+QM_CD_DEFINE(event_core_table, EVENT_CORE)
+#define GUARD_CONTROLS(V, C)                                                                                  \
+  V(QM_HEAP_guard_enabled) V(QM_HEAP_guard_max_size) V(QM_HEAP_guard_pre_size) V(QM_HEAP_guard_post_size)     \
+  V(QM_HEAP_guard_pre_pattern) V(QM_HEAP_guard_post_pattern) C(QM_HEAP_guard_pattern_alignment)               \
+  V(QM_HEAP_guard_payload_alignment) C(QM_HEAP_guard_pattern_width)
+QM_CD_DEFINE(guard_controls_table, GUARD_CONTROLS)
+#define GENERATION(V, C) V(QM_HEAP_generation)
+QM_CD_DEFINE(generation_cd_table, GENERATION)
+#define GUARD_TABLE_DATA(V, C) V(QM_HEAP_guard_table)
+QM_CD_DEFINE(guard_table_cd_table, GUARD_TABLE_DATA)
+#define HEAP_DATA(V, C) V(QM_HEAP_allocation_table) V(QM_HEAP_deallocation_table)
+QM_CD_DEFINE(heap_cd_table, HEAP_DATA)
+#define AGENT_CONTROLS(V, C) V(QM_HEAP_startup_config_done) V(QM_HEAP_verbosity) V(QM_HEAP_owner_purge_hoard)
+QM_CD_DEFINE(agent_controls_table, AGENT_CONTROLS)
+#define LWCORE_CONTROLS(V, C) \
+  V(QM_HEAP_lwcore_sequence_number) V(QM_HEAP_lwcore_pathname_specifier) C(QM_HEAP_lwcore_pathname_specifier_max_length)
+QM_CD_DEFINE(lwcore_cd_table, LWCORE_CONTROLS)
+#define LWMDBG_CONTROLS(V, C) \
+  V(QM_HEAP_lwmdbg_sequence_number) V(QM_HEAP_lwmdbg_pathname_specifier) C(QM_HEAP_lwmdbg_pathname_specifier_max_length)
+QM_CD_DEFINE(lwmdbg_cd_table, LWMDBG_CONTROLS)
+#define PAINT_CONTROLS(V, C)                                                                                  \
+  V(QM_HEAP_paint_paint_on_allocation) V(QM_HEAP_paint_paint_on_deallocation) V(QM_HEAP_paint_paint_over_zero) \
+  V(QM_HEAP_paint_pattern_allocation) V(QM_HEAP_paint_pattern_deallocation) C(QM_HEAP_paint_pattern_width)
+QM_CD_DEFINE(paint_cd_table, PAINT_CONTROLS)
+#define VERSION(V, C) \
+  C(QM_HEAP_version_major) C(QM_HEAP_version_minor) C(QM_HEAP_version_point) C(QM_HEAP_version_service)
+QM_CD_DEFINE(version_cd_table, VERSION)
+#define RZ_ALLOCATOR(V, C) V(QM_HEAP_rz_table)
+QM_CD_DEFINE(rz_allocator_cd_table, RZ_ALLOCATOR)
+#define RZ_CONTROLS(V, C)                                                                                     \
+  V(QM_HEAP_rz_enabled) V(QM_HEAP_rz_alloc_mode) V(QM_HEAP_rz_alignment) V(QM_HEAP_rz_fence_size)             \
+  V(QM_HEAP_rz_exit_val) V(QM_HEAP_rz_want_end_aligned) V(QM_HEAP_rz_want_pre_fence) V(QM_HEAP_rz_want_post_fence) \
+  V(QM_HEAP_rz_want_use_after_free) V(QM_HEAP_rz_size_ranges_enabled) V(QM_HEAP_rz_size_ranges)               \
+  V(QM_HEAP_rz_size_ranges_num_ranges)
+QM_CD_DEFINE(rz_controls_cd_table, RZ_CONTROLS)
 constinit const cd_data_table_entry_t rz_cd[] = {QM_CD_TABLE(rz_allocator_cd_table), QM_CD_TABLE(rz_controls_cd_table)};
 constinit const cd_data_table_t rz_cd_table = data_table_of(rz_cd);
 
 constinit const cd_data_table_entry_t agent_data_entries[] = {
     QM_CD_TABLE(utilities_table),
-    QM_CD_ENTRY(stack_backtrace_root_block),
-    QM_CD_ENTRY(QM_HEAP_notify_breakpoint_here),
-    QM_CD_ENTRY(QM_HEAP_backtrace_get_trim),
+    QM_CD_VAR(stack_backtrace_root_block)
+    QM_CD_VAR(QM_HEAP_notify_breakpoint_here)
+    QM_CD_VAR(QM_HEAP_backtrace_get_trim)
     QM_CD_TABLE(backtrace_cd_table),
     QM_CD_TABLE(event_controls_table),
     QM_CD_TABLE(hoard_cd_table),

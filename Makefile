@@ -2,12 +2,13 @@
 #   make          build both architectures
 #   make test     build and run every test of both (QEMU=1 runs i386 through qemu-i386)
 #   make demo     run the bundled example under the 64-bit agent
+#   make demo-mpi an MPI job under the agent, one rank in error, and the merged report
 #   make install  install both agents, the launcher and its manual (PREFIX=/usr/local)
 #   make bench    run the benchmarks (bench/run.py: real workloads plain, under the agent and its peers)
 PRESETS := x86_64 i386
 FORCE_QEMU := $(if $(QEMU),ON,OFF)
 
-.PHONY: all deps configure build test demo bench install clean
+.PHONY: all deps configure build test demo demo-mpi bench install clean
 
 all: build
 
@@ -26,6 +27,9 @@ test: build
 
 demo: build
 	@scripts/demo.sh build/x86_64
+
+demo-mpi: build
+	@scripts/demo-mpi.sh build/x86_64
 
 bench: build
 	@scripts/install-deps.sh bench

@@ -4,9 +4,10 @@
 # peer column of the benchmark; sqlite3 and git, which the tests run under
 # the agent, libdw and zlib for the report, heaptrack, whose reader checks
 # the report's heaptrack files and is a benchmark peer, and chromium, which
-# opens its flame graphs in a test, are always installed)
+# opens its flame graphs in a test, and Open MPI, whose jobs a test runs,
+# are always installed)
 set -eu
-pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc sqlite3 git libdw-dev zlib1g-dev heaptrack chromium"
+pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc sqlite3 git libdw-dev zlib1g-dev heaptrack chromium openmpi-bin libopenmpi-dev"
 if [ "${1:-}" = bench ]; then
   pkgs="$pkgs time valgrind"
 fi

@@ -267,6 +267,42 @@ class InstallTest(unittest.TestCase):
             shutil.rmtree(d)
 
 
+MPI_JOB = os.path.join(config()["targets"], "mpi_heap")
+
+
+@unittest.skipUnless(qmtest.is_64() and os.path.exists(LAUNCHER) and os.path.exists(MPI_JOB) and shutil.which("mpirun"),
+                     "needs Open MPI and the launcher")
+class MpiTest(unittest.TestCase):
+    def test_one_rank_in_error_the_others_unchanged_and_one_merged_report(self):
+        d = tempfile.mkdtemp()
+        try:
+            e = dict(os.environ, QMHEAP_CONFIG_FILE="", OMPI_ALLOW_RUN_AS_ROOT="1", OMPI_ALLOW_RUN_AS_ROOT_CONFIRM="1")
+            e.pop("LD_PRELOAD", None)
+            mpirun = ["mpirun", "-np", "4", "--oversubscribe"]
+            plain = subprocess.run(mpirun + [MPI_JOB], capture_output=True, text=True, env=e, cwd=d, timeout=300,
+                                   stdin=subprocess.DEVNULL)
+            r = subprocess.run(mpirun + [LAUNCHER, "--guards", "--snapshot-on-error", "--snapshot-at-exit", "--",
+                                         MPI_JOB], capture_output=True, text=True, env=e, cwd=d, timeout=300,
+                               stdin=subprocess.DEVNULL)
+            self.assertEqual(r.returncode, 0, r.stderr[-2000:])
+            self.assertEqual(sorted(r.stdout.splitlines()), sorted(plain.stdout.splitlines()))
+            self.assertEqual(len(plain.stdout.splitlines()), 4)
+            self.assertEqual(r.stderr.count("guard corruption"), 1, r.stderr[-2000:])
+            files = sorted(n for n in os.listdir(d) if n.endswith(".lwmdbg"))
+            self.assertEqual([re.sub(r"-rank(\d)-.*-(\d+)\.lwmdbg", r" \1 \2", f) for f in files],
+                             ["mpi_heap 0 000000", "mpi_heap 1 000000", "mpi_heap 2 000000", "mpi_heap 2 000001",
+                              "mpi_heap 3 000000"])
+            rep = subprocess.run([LAUNCHER, "report", "--json"] + [os.path.join(d, f) for f in files],
+                                 capture_output=True, text=True, timeout=300)
+            self.assertEqual(rep.returncode, 1, rep.stderr)
+            res = json.loads(rep.stdout)
+            self.assertEqual([(x["event"], x["rank"]) for x in res["errors"]], [("guard_corruption", 2)])
+            self.assertEqual(res["errors"][0]["allocated"][0]["function"], "main")
+            self.assertIn([0, 1, 2, 3], [g["ranks"] for g in res["still_allocated"]])
+        finally:
+            shutil.rmtree(d)
+
+
 EXTENSION = os.path.join(config()["source_dir"], "tools", "gdb", "qmheap.py")
 
 

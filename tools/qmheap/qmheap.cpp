@@ -262,6 +262,20 @@ int main(int argc, char** argv) {
     fail(std::string("the ") + (bits == 32 ? "32-bit agent libqmheap.so" : "64-bit agent libqmheap_64.so") +
          " is not installed (set QMHEAP_LIBDIR to its directory)");
 
+  // Under an MPI launcher each rank finds its rank in the launcher's variable:
+  // the agent is told where to look, and the snapshot files say the rank in
+  // their names.
+  static constexpr const char* kRankVariables[] = {"OMPI_COMM_WORLD_RANK", "PMIX_RANK", "PMI_RANK"};
+  for (const char* var : kRankVariables) {
+    const char* rank = getenv(var);
+    if (rank == nullptr || getenv("QMHEAP_MPI_RANK_DISCOVERY_METHOD") != nullptr) continue;
+    setenv("QMHEAP_MPI_RANK_DISCOVERY_METHOD", "variable", 1);
+    setenv("QMHEAP_MPI_RANK", var, 1);
+    bool named = false;
+    for (const auto& st : settings) named = named || st.rfind("lwmdbg_pathname=", 0) == 0;
+    if (!named) settings.push_back(std::string("lwmdbg_pathname=%b-rank") + rank + "-%h-%8p-%6q.lwmdbg");
+    break;
+  }
   std::string args;
   if (const char* old = getenv("QMHEAP_ARGS")) args = old;
   for (const auto& s : settings) args += (args.empty() ? "" : " ") + s;

@@ -141,8 +141,9 @@ struct Reporter {
   void file(const Snapshot& s) {
     qmtool::Symbolizer sym(s.images, s.executable);
     if (!opt.json && !opt.folded) {
-      std::printf("== %s: pid %d, %s, %d-bit, agent %s\n", s.path.c_str(), s.pid, s.executable.c_str(), s.bits,
-                  s.version.c_str());
+      std::printf("== %s: %spid %d, %s, %d-bit, agent %s\n", s.path.c_str(),
+                  s.rank >= 0 ? ("rank " + std::to_string(s.rank) + ", ").c_str() : "", s.pid, s.executable.c_str(),
+                  s.bits, s.version.c_str());
       for (const auto& p : s.problems) std::printf("   (the file %s)\n", p.c_str());
     }
     json_files.push_back("{\"path\":" + json_string(s.path) + ",\"pid\":" + std::to_string(s.pid) +
@@ -168,7 +169,8 @@ struct Reporter {
     ++errors;
     const uint64_t addr = e.addr != 0 ? e.addr : r.addr;
     if (opt.json) {
-      json_errors.push_back("{\"file\":" + json_string(s.path) + ",\"event\":" + json_string(e.name) +
+      json_errors.push_back("{\"file\":" + json_string(s.path) + ",\"rank\":" + std::to_string(s.rank) +
+                            ",\"event\":" + json_string(e.name) +
                             ",\"op\":" + json_string(e.op) + ",\"address\":" + std::to_string(addr) +
                             ",\"block\":{\"address\":" + std::to_string(r.addr) + ",\"length\":" +
                             std::to_string(r.len) + "},\"at\":" + json_frames(at) + ",\"allocated\":" +
@@ -176,7 +178,8 @@ struct Reporter {
       return;
     }
     if (opt.folded) return;
-    std::printf("error: %s in %s at 0x%llx\n", e.name.c_str(), e.op.c_str(), static_cast<unsigned long long>(addr));
+    std::printf("error: %s in %s at 0x%llx%s\n", e.name.c_str(), e.op.c_str(), static_cast<unsigned long long>(addr),
+                s.rank >= 0 ? (" [rank " + std::to_string(s.rank) + "]").c_str() : "");
     if (r.addr != 0)
       std::printf("  block 0x%llx, %llu bytes\n", static_cast<unsigned long long>(r.addr),
                   static_cast<unsigned long long>(r.len));
@@ -185,68 +188,110 @@ struct Reporter {
     print_stack("allocated by", allocated);
   }
 
-  void leaks(qmtool::Symbolizer& sym, const Snapshot& s) {
-    struct Group {
-      uint64_t blocks = 0, bytes = 0;
-      int id = 0;
-    };
-    std::map<int, Group> by_stack;
-    for (const auto& r : s.live) {
-      Group& g = by_stack[r.backtrace_id];
-      g.id = r.backtrace_id;
-      ++g.blocks;
-      g.bytes += r.len;
-    }
-    std::vector<Group> groups;
-    for (auto& [id, g] : by_stack) groups.push_back(g);
-    std::sort(groups.begin(), groups.end(), [](const Group& a, const Group& b) {
-      return a.bytes != b.bytes ? a.bytes > b.bytes : a.blocks > b.blocks;
-    });
+  // The blocks still allocated, grouped by the stack that allocated them:
+  // the same stack in several files (the ranks of an MPI job) is one group.
+  struct Merged {
+    std::vector<Frame> frames;
     uint64_t blocks = 0, bytes = 0;
-    std::vector<std::pair<Group, std::vector<Frame>>> shown;
-    for (const auto& g : groups) {
-      auto fs = stack(sym, s, g.id);
-      if (is_suppressed(fs)) continue;
-      blocks += g.blocks;
-      bytes += g.bytes;
-      shown.emplace_back(g, std::move(fs));
-    }
-    leak_blocks += blocks;
-    leak_bytes += bytes;
+    std::vector<uint64_t> sizes;
+    std::set<int> ranks;
+  };
+  std::map<std::string, Merged> merged;
+  // Each process's blocks from the last of its files given (a snapshot at
+  // an error and one at exit hold the same blocks twice).
+  std::map<std::string, std::map<std::string, Merged>> by_process;
+
+  void leaks(qmtool::Symbolizer& sym, const Snapshot& s) {
+    auto& mine = by_process[s.host + ":" + std::to_string(s.pid) + (s.pid == 0 ? s.path : "")];
+    mine.clear();
+    std::map<int, std::vector<uint64_t>> by_stack;
+    for (const auto& r : s.live) by_stack[r.backtrace_id].push_back(r.len);
     if (command.empty()) command = s.executable;
-    for (const auto& [g, fs] : shown) {
-      Leak l{fs, g.blocks, g.bytes, {}};
-      for (const auto& r : s.live)
-        if (r.backtrace_id == g.id) l.sizes.push_back(r.len);
-      all_leaks.push_back(std::move(l));
+    for (auto& [id, sizes] : by_stack) {
+      auto fs = stack(sym, s, id);
+      if (is_suppressed(fs)) continue;
+      std::string key;
+      // Frames are compared by what names them: function, file and line,
+      // else module and offset, else (no image known) the address itself.
+      for (const auto& f : fs)
+        key += !f.function.empty() ? f.function + "|" + f.file + "|" + std::to_string(f.line) + ";"
+               : !f.module.empty() ? f.module + "+" + std::to_string(f.offset) + ";"
+                                   : std::to_string(f.pc) + ";";
+      Merged& m = mine[key];
+      if (m.frames.empty()) m.frames = fs;
+      for (uint64_t len : sizes) {
+        ++m.blocks;
+        m.bytes += len;
+        m.sizes.push_back(len);
+      }
+      if (s.rank >= 0) m.ranks.insert(s.rank);
     }
-    for (const auto& [g, fs] : shown) {
-      if (opt.folded) {
+  }
+
+  static std::string ranks_text(const std::set<int>& ranks) {
+    if (ranks.empty()) return "";
+    std::string t = ranks.size() == 1 ? " [rank " : " [ranks ";
+    bool first = true;
+    for (int r : ranks) {
+      t += (first ? "" : ",") + std::to_string(r);
+      first = false;
+    }
+    return t + "]";
+  }
+
+  void print_leaks() {
+    for (const auto& [proc, groups] : by_process)
+      for (const auto& [key, g] : groups) {
+        Merged& m = merged[key];
+        if (m.frames.empty()) m.frames = g.frames;
+        m.blocks += g.blocks;
+        m.bytes += g.bytes;
+        m.sizes.insert(m.sizes.end(), g.sizes.begin(), g.sizes.end());
+        m.ranks.insert(g.ranks.begin(), g.ranks.end());
+      }
+    std::vector<const Merged*> groups;
+    for (const auto& [k, m] : merged) groups.push_back(&m);
+    std::sort(groups.begin(), groups.end(), [](const Merged* a, const Merged* b) {
+      return a->bytes != b->bytes ? a->bytes > b->bytes : a->blocks > b->blocks;
+    });
+    for (const Merged* m : groups) {
+      leak_blocks += m->blocks;
+      leak_bytes += m->bytes;
+      all_leaks.push_back(Leak{m->frames, m->blocks, m->bytes, m->sizes});
+    }
+    if (opt.folded) {
+      for (const Merged* m : groups) {
         std::string line;
-        for (size_t i = fs.size(); i-- > 0;) {
-          std::string name = fs[i].function.empty() ? where(fs[i]) : fs[i].function;
+        for (size_t i = m->frames.size(); i-- > 0;) {
+          std::string name = m->frames[i].function.empty() ? where(m->frames[i]) : m->frames[i].function;
           std::replace(name.begin(), name.end(), ';', ':');
           line += (line.empty() ? "" : ";") + name;
         }
-        std::printf("%s %llu\n", line.empty() ? "[unknown]" : line.c_str(), static_cast<unsigned long long>(g.bytes));
-      } else if (opt.json) {
-        json_leaks.push_back("{\"file\":" + json_string(s.path) + ",\"blocks\":" + std::to_string(g.blocks) +
-                             ",\"bytes\":" + std::to_string(g.bytes) + ",\"backtrace_id\":" + std::to_string(g.id) +
-                             ",\"stack\":" + json_frames(fs) + "}");
+        std::printf("%s %llu\n", line.empty() ? "[unknown]" : line.c_str(), static_cast<unsigned long long>(m->bytes));
       }
+      return;
     }
-    if (opt.json || opt.folded) return;
-    std::printf("blocks still allocated: %llu (%llu bytes) from %zu stacks\n",
-                static_cast<unsigned long long>(blocks), static_cast<unsigned long long>(bytes), shown.size());
-    for (const auto& [g, fs] : shown) {
-      std::printf("%llu bytes in %llu blocks allocated by:\n", static_cast<unsigned long long>(g.bytes),
-                  static_cast<unsigned long long>(g.blocks));
-      for (size_t i = 0; i < fs.size(); ++i) std::printf("    #%-2zu %s\n", i, where(fs[i]).c_str());
-      if (fs.empty()) std::printf("    (no stack recorded)\n");
+    if (opt.json) {
+      for (const Merged* m : groups) {
+        std::string ranks;
+        for (int r : m->ranks) ranks += (ranks.empty() ? "" : ",") + std::to_string(r);
+        json_leaks.push_back("{\"blocks\":" + std::to_string(m->blocks) + ",\"bytes\":" + std::to_string(m->bytes) +
+                             ",\"ranks\":[" + ranks + "],\"stack\":" + json_frames(m->frames) + "}");
+      }
+      return;
+    }
+    std::printf("blocks still allocated: %llu (%llu bytes) from %zu stacks\n", static_cast<unsigned long long>(leak_blocks),
+                static_cast<unsigned long long>(leak_bytes), groups.size());
+    for (const Merged* m : groups) {
+      std::printf("%llu bytes in %llu blocks allocated by%s:\n", static_cast<unsigned long long>(m->bytes),
+                  static_cast<unsigned long long>(m->blocks), ranks_text(m->ranks).c_str());
+      for (size_t i = 0; i < m->frames.size(); ++i) std::printf("    #%-2zu %s\n", i, where(m->frames[i]).c_str());
+      if (m->frames.empty()) std::printf("    (no stack recorded)\n");
     }
   }
 
   void finish() {
+    print_leaks();
     if (opt.json) {
       auto join = [](const std::vector<std::string>& v) {
         std::string o;

@@ -1,6 +1,7 @@
 #include "snapshot/reader.h"
 
 #include <cerrno>
+#include <cctype>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -117,6 +118,13 @@ bool parse_record(const std::vector<std::string>& f, size_t at, Record* r) {
 Snapshot read_snapshot(const std::string& path, void (*progress)(const std::string&, size_t)) {
   Snapshot s;
   s.path = path;
+  const std::string base = path.substr(path.rfind('/') + 1);
+  const size_t r = base.find("-rank");
+  if (r != std::string::npos) {
+    size_t e = r + 5;
+    while (e < base.size() && isdigit(static_cast<unsigned char>(base[e]))) ++e;
+    if (e > r + 5 && e < base.size() && base[e] == '-') s.rank = std::atoi(base.c_str() + r + 5);
+  }
   std::ifstream in(path);
   if (!in) {
     s.problems.push_back("cannot be opened");

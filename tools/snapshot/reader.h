@@ -41,6 +41,7 @@ struct Snapshot {
   std::vector<Image> images;
   std::string executable, host;
   int pid = 0, bits = 0;
+  int rank = -1;  // the MPI rank the file's name gives ("-rankN-"), or -1
   std::string version, distribution;
   bool has_event = false;
   Event event;

@@ -107,6 +107,16 @@ int QM_HIA_API_get_alloc_guard_settings(const void* p, int* pre_size, int* post_
                                         int* post_pattern);
 int QM_HIA_API_get_alloc_guard_status(const void* p, int* pre_is_ok, int* post_is_ok);
 
+/* Extension: a reachability scan now. The program's memory outside its
+ * blocks is searched for pointers to live blocks; blocks that nothing
+ * reaches are lost. counts, when not null, receives eight values: blocks
+ * and bytes reachable, reachable only through interior pointers,
+ * definitely lost, indirectly lost. print: also report on the console
+ * (lost blocks grouped by allocation stack). The result is kept for the
+ * next snapshot file. 3 when the scan could not run (a table lock held by
+ * a stopped thread, or no memory for its tables). */
+int QM_HIA_API_scan_reachability(int print, long* counts);
+
 #ifdef __cplusplus
 }
 #endif

@@ -14,6 +14,7 @@
 #include "events/output.h"
 #include "heap/controls.h"
 #include "heap/guards.h"
+#include "leaks/reachability.h"
 #include "redzone/rz_controls.h"
 #include "snapshot/snapshot.h"
 

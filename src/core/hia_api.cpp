@@ -17,6 +17,7 @@
 #include "heap/controls.h"
 #include "heap/guards.h"
 #include "heap/heap_tables.h"
+#include "leaks/reachability.h"
 #include "snapshot/snapshot.h"
 
 extern "C" {
@@ -284,6 +285,18 @@ QM_EXPORT int QM_HIA_API_get_alloc_guard_status(const void* p, int* pre_is_ok, i
   if (lock.release() != kOk) return kInternal;
   get(pre_is_ok, s != guards_pre_bad && s != guards_both_bad);
   return get(post_is_ok, s != guards_post_bad && s != guards_both_bad);
+}
+
+QM_EXPORT int QM_HIA_API_scan_reachability(int print, long* counts) {
+  QM_HEAP_reach_summary_t r;
+  // Only tried: a debugger's threads may be stopped holding the table lock.
+  if (QM_HEAP_reach_scan(print, 1, &r) != 0) return kInternal;
+  if (counts != nullptr)
+    for (int k = 0; k < reach_num_kinds; ++k) {
+      counts[2 * k] = static_cast<long>(r.blocks[k]);
+      counts[2 * k + 1] = static_cast<long>(r.bytes[k]);
+    }
+  return kOk;
 }
 
 }  // extern "C"

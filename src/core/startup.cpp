@@ -14,6 +14,7 @@
 #include "snapshot/snapshot.h"
 #include "heap/guards.h"
 #include "heap/heap_tables.h"
+#include "leaks/reachability.h"
 #include "threads/reentrancy.h"
 #include "threads/thread_utils.h"
 
@@ -247,6 +248,8 @@ QM_EXPORT void QM_HEAP_malloc_interposer_fini() {
     dump_allocation_table(0);
     dump_op_counts(0);
   }
+  // Before the termination event, so that its snapshot holds the result.
+  QM_HEAP_reach_at_exit();
   QM_HEAP_event_info_t e = {};
   e.event = qm_heap_event_termination_notification;
   e.op = qm_heap_op_fini;

@@ -28,6 +28,7 @@
 #include "events/output.h"
 #include "heap/guards.h"
 #include "heap/heap_tables.h"
+#include "leaks/reachability.h"
 #include "snapshot/snapshot.h"
 #include "threads/thread_utils.h"
 
@@ -121,6 +122,44 @@ struct Writer {
   }
   void toc(int sid, int count, int lineno) { put("%d%s%d%s%d\n", sid, S, count, S, lineno); }
 };
+
+// --- the extension section ------------------------------------------------------
+
+// The last reachability scan's result, after the file section, when a scan
+// has been made. Nothing of it is in the table of contents: a reader that
+// knows it finds its own entry (900: the number of its toc lines and the
+// first of them) as the last line, comments aside, before the table of
+// contents; a reader that does not, never reads these lines.
+void write_reachability(Writer& w) {
+  QM_HEAP_ht_alloc_read_lock();
+  const QM_HEAP_reach_block_t* b = nullptr;
+  size_t n = 0;
+  const QM_HEAP_reach_summary_t* r = QM_HEAP_reach_last_result(&b, &n);
+  if (r != nullptr) {
+    w.comment("============ start of extension section: reachability");
+    w.comment("--- start of reachability summary");
+    const int summary_line = w.lineno;
+    w.put("%d%s%lu%s%lu%s%lu%s%lu%s%lu%s%lu%s%lu%s%lu%s%d%s%d%s%ld\n", r->sequence, S, r->blocks[0], S, r->bytes[0], S,
+          r->blocks[1], S, r->bytes[1], S, r->blocks[2], S, r->bytes[2], S, r->blocks[3], S, r->bytes[3], S,
+          r->threads_stopped, S, r->threads_not_stopped, S, r->microseconds);
+    w.comment("--- end of reachability summary");
+    w.comment("--- start of reachability blocks");
+    const int blocks_line = w.lineno;
+    static constexpr const char* kKinds[] = {"reachable", "interior", "definitely_lost", "indirectly_lost"};
+    for (size_t i = 0; i < n; ++i)
+      w.put("%p%s%lu%s%s%s%d%s%p\n", b[i].addr, S, static_cast<unsigned long>(b[i].len), S,
+            kKinds[b[i].kind & 3], S, b[i].backtrace_id, S, b[i].leader);
+    w.comment("--- end of reachability blocks");
+    w.comment("--- start of extension section toc");
+    const int ext_toc = w.lineno;
+    w.toc(901, 1, summary_line);
+    w.toc(902, static_cast<int>(n), blocks_line);
+    w.comment("--- end of extension section toc");
+    w.toc(900, 2, ext_toc);
+    w.comment("============ end of extension section");
+  }
+  QM_HEAP_ht_alloc_read_unlock();
+}
 
 // --- allocation lines ------------------------------------------------------------
 
@@ -442,6 +481,8 @@ __attribute__((noinline)) int write_file(Writer& w, const char* title, const cha
   w.toc(101, 1, info_line);
   w.comment("--- end of file section toc");
   w.comment("============ end of file section");
+
+  write_reachability(w);
 
   // 5. Table of contents; its own entry is the last line.
   w.comment("============ start of table of contents");

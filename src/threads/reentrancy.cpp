@@ -196,6 +196,8 @@ inline void publish(ThreadState& t, const char* fn) {
 
 extern "C" {
 
+void (*volatile QM_leave_ia_hook)() = nullptr;
+
 int QM_enter_ia(void** info) {
   ThreadState& t = self_state;
   int count = ++t.count;
@@ -220,6 +222,7 @@ int QM_leave_ia() {
   int count = --t.count;
   if (count == 0) t.info = nullptr;
   publish(t, "QM_leave_ia");
+  if (QM_UNLIKELY(count == 0) && QM_UNLIKELY(QM_leave_ia_hook != nullptr)) QM_leave_ia_hook();
   return count;
 }
 

@@ -13,6 +13,9 @@ extern "C" {
 int QM_enter_ia(void** info);
 // Counts the calling thread out; returns its new depth.
 int QM_leave_ia();
+// Called by QM_leave_ia as a thread leaves the agent, while set: work a
+// signal handler could not do inside it.
+extern void (*volatile QM_leave_ia_hook)();
 int QM_get_num_times_entered_ia();
 int QM_has_thread_reentered_ia();
 // The info of the thread's outermost entry: 0, or -ENOENT (table) / -1 (simple)

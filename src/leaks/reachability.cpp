@@ -380,8 +380,7 @@ struct Scan {
     }
   }
 
-  // Names of images are kept for executable lines only (the frames of the
-  // report).
+  // Names of images, for the frames of the report.
   int keep_name(const char* s) {
     size_t len = 0;
     while (s[len] != '\0') ++len;
@@ -426,15 +425,17 @@ struct Scan {
       l.name = -1;
       bool root = (l.flags & (kRead | kWrite | kPrivate)) == (kRead | kWrite | kPrivate);
       if (name[0] == '/') {
-        if (l.flags & kExec) {
-          l.name = keep_name(name);
-          if (nimages < kImages) image_inodes[nimages++] = inode;
-        }
+        // An image: a file whose first page, mapped, is an ELF header (its
+        // code need not show as executable: an emulator maps it readable).
+        if (l.offset == 0 && (l.flags & kRead) && inode != 0 && nimages < kImages &&
+            *reinterpret_cast<const volatile uint32_t*>(l.start) == 0x464c457fU)
+          image_inodes[nimages++] = inode;
+        bool image = false;
+        for (int i = 0; i < nimages && !image; ++i) image = image_inodes[i] == inode && inode != 0;
+        if (image) l.name = keep_name(name);
         // A file's private writable pages are read only when they are an
         // image's data (past a file's end, reading would fault).
-        bool image = starts(name, "/dev/zero");
-        for (int i = 0; i < nimages && !image; ++i) image = image_inodes[i] == inode && inode != 0;
-        root = root && image;
+        root = root && (image || starts(name, "/dev/zero"));
       } else if (name[0] == '[') {
         root = root && (starts(name, "[heap]") || starts(name, "[stack") || starts(name, "[anon"));
       }

@@ -17,8 +17,8 @@
 namespace qm {
 
 // The signal that stops threads: high in the real-time range, where
-// programs rarely look.
-constexpr int kStopSignal = 63;
+// programs rarely look (the two highest cannot be sent under qemu-i386).
+constexpr int kStopSignal = 62;
 constexpr int kMaxSavedRegisters = 32;
 
 struct StoppedThread {

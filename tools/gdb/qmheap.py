@@ -7,6 +7,8 @@
     (gdb) qmheap get NAME               a setting through the control functions (verbosity, guards_enabled, ...)
     (gdb) qmheap set NAME VALUE         change it (QM_HIA_API_set_NAME)
     (gdb) qmheap snapshot [TEMPLATE]    write a snapshot file now
+    (gdb) qmheap leaks                  search the program's memory for pointers now: the lost
+                                        blocks, by allocation stack, on the program's console
     (gdb) qmheap stop [on|off]          stop at every agent event, told in words with the block's stack
 
 The tables are read from the process's memory (the agent's own debugging
@@ -222,6 +224,22 @@ class Snapshot(gdb.Command):
         gdb.write("snapshot %s\n" % ("written" if r == 0 else "failed (%d)" % r))
 
 
+class Leaks(gdb.Command):
+    """qmheap leaks: a reachability scan now; the agent reports the lost blocks on the program's console
+    and keeps the result for the next snapshot file."""
+
+    def __init__(self):
+        super().__init__("qmheap leaks", gdb.COMMAND_DATA)
+
+    def invoke(self, arg, from_tty):
+        # The agent stops the other threads with signal 62 while it scans:
+        # they must get it, without gdb stopping for it.
+        gdb.execute("handle SIG62 nostop noprint pass", to_string=True)
+        r = call("(int)QM_HIA_API_scan_reachability(1, (long*)0)")
+        gdb.write("qmheap: %s\n" % ("scan done: the report is on the program's console" if r == 0 else
+                                     "the scan could not run (a table lock is held by a stopped thread)"))
+
+
 class EventBreakpoint(gdb.Breakpoint):
     """Stops at every agent event and tells it in words."""
 
@@ -268,4 +286,5 @@ Block()
 Get()
 Set()
 Snapshot()
+Leaks()
 Stop()

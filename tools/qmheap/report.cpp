@@ -98,6 +98,18 @@ struct Reporter {
   };
   std::vector<Leak> all_leaks;
   std::string command;
+  // The blocks still allocated by what the last reachability scan made of
+  // them, in this order.
+  static constexpr const char* kKinds[] = {"definitely_lost", "indirectly_lost", "interior", "reachable"};
+  static constexpr const char* kKindWords[] = {"definitely lost", "indirectly lost",
+                                                "reachable only through interior pointers", "reachable"};
+  bool have_kinds = false;
+  uint64_t kind_blocks[4] = {}, kind_bytes[4] = {};
+  static int kind_rank(const std::string& k) {
+    for (int i = 0; i < 4; ++i)
+      if (k == kKinds[i]) return i;
+    return 4;
+  }
 
   explicit Reporter(const Options& o) : opt(o) {}
 
@@ -191,6 +203,7 @@ struct Reporter {
   // The blocks still allocated, grouped by the stack that allocated them:
   // the same stack in several files (the ranks of an MPI job) is one group.
   struct Merged {
+    std::string kind;  // from the last reachability scan, or empty
     std::vector<Frame> frames;
     uint64_t blocks = 0, bytes = 0;
     std::vector<uint64_t> sizes;
@@ -204,13 +217,21 @@ struct Reporter {
   void leaks(qmtool::Symbolizer& sym, const Snapshot& s) {
     auto& mine = by_process[s.host + ":" + std::to_string(s.pid) + (s.pid == 0 ? s.path : "")];
     mine.clear();
-    std::map<int, std::vector<uint64_t>> by_stack;
-    for (const auto& r : s.live) by_stack[r.backtrace_id].push_back(r.len);
+    std::map<std::pair<std::string, int>, std::vector<uint64_t>> by_stack;
+    for (const auto& r : s.live) {
+      std::string kind;
+      if (s.has_reachability) {
+        auto k = s.reachability.kinds.find(r.addr);
+        kind = k != s.reachability.kinds.end() ? k->second : "reachable";
+      }
+      by_stack[{kind, r.backtrace_id}].push_back(r.len);
+    }
     if (command.empty()) command = s.executable;
-    for (auto& [id, sizes] : by_stack) {
+    for (auto& [kind_id, sizes] : by_stack) {
+      const auto& [kind, id] = kind_id;
       auto fs = stack(sym, s, id);
       if (is_suppressed(fs)) continue;
-      std::string key;
+      std::string key = kind + "@";
       // Frames are compared by what names them: function, file and line,
       // else module and offset, else (no image known) the address itself.
       for (const auto& f : fs)
@@ -219,6 +240,7 @@ struct Reporter {
                                    : std::to_string(f.pc) + ";";
       Merged& m = mine[key];
       if (m.frames.empty()) m.frames = fs;
+      m.kind = kind;
       for (uint64_t len : sizes) {
         ++m.blocks;
         m.bytes += len;
@@ -244,6 +266,7 @@ struct Reporter {
       for (const auto& [key, g] : groups) {
         Merged& m = merged[key];
         if (m.frames.empty()) m.frames = g.frames;
+        m.kind = g.kind;
         m.blocks += g.blocks;
         m.bytes += g.bytes;
         m.sizes.insert(m.sizes.end(), g.sizes.begin(), g.sizes.end());
@@ -252,11 +275,17 @@ struct Reporter {
     std::vector<const Merged*> groups;
     for (const auto& [k, m] : merged) groups.push_back(&m);
     std::sort(groups.begin(), groups.end(), [](const Merged* a, const Merged* b) {
+      if (kind_rank(a->kind) != kind_rank(b->kind)) return kind_rank(a->kind) < kind_rank(b->kind);
       return a->bytes != b->bytes ? a->bytes > b->bytes : a->blocks > b->blocks;
     });
     for (const Merged* m : groups) {
       leak_blocks += m->blocks;
       leak_bytes += m->bytes;
+      if (!m->kind.empty()) {
+        have_kinds = true;
+        kind_blocks[kind_rank(m->kind)] += m->blocks;
+        kind_bytes[kind_rank(m->kind)] += m->bytes;
+      }
       all_leaks.push_back(Leak{m->frames, m->blocks, m->bytes, m->sizes});
     }
     if (opt.folded) {
@@ -275,19 +304,38 @@ struct Reporter {
       for (const Merged* m : groups) {
         std::string ranks;
         for (int r : m->ranks) ranks += (ranks.empty() ? "" : ",") + std::to_string(r);
-        json_leaks.push_back("{\"blocks\":" + std::to_string(m->blocks) + ",\"bytes\":" + std::to_string(m->bytes) +
+        json_leaks.push_back("{" + (m->kind.empty() ? std::string() : "\"kind\":\"" + m->kind + "\",") +
+                             "\"blocks\":" + std::to_string(m->blocks) + ",\"bytes\":" + std::to_string(m->bytes) +
                              ",\"ranks\":[" + ranks + "],\"stack\":" + json_frames(m->frames) + "}");
       }
       return;
     }
     std::printf("blocks still allocated: %llu (%llu bytes) from %zu stacks\n", static_cast<unsigned long long>(leak_blocks),
                 static_cast<unsigned long long>(leak_bytes), groups.size());
+    if (have_kinds) {
+      std::printf("by reachability:");
+      for (int k = 0; k < 4; ++k)
+        std::printf("%s %llu blocks (%llu bytes) %s", k == 0 ? "" : ",", static_cast<unsigned long long>(kind_blocks[k]),
+                    static_cast<unsigned long long>(kind_bytes[k]), kKindWords[k]);
+      std::printf("\n");
+    }
     for (const Merged* m : groups) {
-      std::printf("%llu bytes in %llu blocks allocated by%s:\n", static_cast<unsigned long long>(m->bytes),
-                  static_cast<unsigned long long>(m->blocks), ranks_text(m->ranks).c_str());
+      std::printf("%llu bytes in %llu blocks %sallocated by%s:\n", static_cast<unsigned long long>(m->bytes),
+                  static_cast<unsigned long long>(m->blocks),
+                  m->kind.empty() ? "" : (std::string(kKindWords[kind_rank(m->kind)]) + ", ").c_str(),
+                  ranks_text(m->ranks).c_str());
       for (size_t i = 0; i < m->frames.size(); ++i) std::printf("    #%-2zu %s\n", i, where(m->frames[i]).c_str());
       if (m->frames.empty()) std::printf("    (no stack recorded)\n");
     }
+  }
+
+  std::string kinds_json() const {
+    if (!have_kinds) return "";
+    std::string o = ",\"reachability\":{";
+    for (int k = 0; k < 4; ++k)
+      o += std::string(k ? "," : "") + "\"" + kKinds[k] + "\":{\"blocks\":" + std::to_string(kind_blocks[k]) +
+           ",\"bytes\":" + std::to_string(kind_bytes[k]) + "}";
+    return o + "}";
   }
 
   void finish() {
@@ -299,14 +347,16 @@ struct Reporter {
         return o;
       };
       std::printf("{\"files\":[%s],\"errors\":[%s],\"still_allocated\":[%s],\"summary\":{\"errors\":%d,"
-                  "\"suppressed\":%d,\"blocks\":%llu,\"bytes\":%llu}}\n",
+                  "\"suppressed\":%d,\"blocks\":%llu,\"bytes\":%llu%s}}\n",
                   join(json_files).c_str(), join(json_errors).c_str(), join(json_leaks).c_str(), errors, suppressed,
-                  static_cast<unsigned long long>(leak_blocks), static_cast<unsigned long long>(leak_bytes));
+                  static_cast<unsigned long long>(leak_blocks), static_cast<unsigned long long>(leak_bytes),
+                  kinds_json().c_str());
     } else if (!opt.folded) {
-      std::printf("summary: %d error%s, %llu blocks (%llu bytes) still allocated, %d suppressed, %zu file%s\n", errors,
+      std::printf("summary: %d error%s, %llu blocks (%llu bytes) still allocated%s, %d suppressed, %zu file%s\n", errors,
                   errors == 1 ? "" : "s", static_cast<unsigned long long>(leak_blocks),
-                  static_cast<unsigned long long>(leak_bytes), suppressed, opt.files.size(),
-                  opt.files.size() == 1 ? "" : "s");
+                  static_cast<unsigned long long>(leak_bytes),
+                  have_kinds ? (" (" + std::to_string(kind_blocks[0]) + " definitely lost)").c_str() : "", suppressed,
+                  opt.files.size(), opt.files.size() == 1 ? "" : "s");
     }
   }
 };

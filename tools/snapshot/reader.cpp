@@ -37,7 +37,10 @@ bool integer(const std::string& s, int* v) {
 // Section ids of the file's subsections.
 enum Sid {
   kGuardTable = 205, kProcess = 209, kAgent = 210, kCurrentStack = 211, kEvent = 212, kMaps = 213, kImages = 214,
-  kLive = 301, kReleased = 302, kPcsIndex = 401
+  kLive = 301, kReleased = 302, kPcsIndex = 401,
+  // The extension section's entry (just before the table of contents, comments
+  // aside) and its subsections.
+  kExtension = 900, kReachSummary = 901, kReachBlocks = 902
 };
 
 // The subsections' data lines as [first, first + count) of the file's lines
@@ -54,6 +57,19 @@ bool read_toc(const std::vector<std::string>& lines, std::map<int, std::pair<siz
   int sid;
   size_t count, first;
   if (!entry(lines.size(), &sid, &count, &first) || sid != 99 || count != 4) return false;
+  // The extension section's own entry, when there is one.
+  for (size_t n = first; n-- > 1;) {
+    if (!lines[n - 1].empty() && lines[n - 1][0] == '#') continue;
+    int s;
+    size_t c, l;
+    if (entry(n, &s, &c, &l) && s == kExtension)
+      for (size_t j = 0; j < c; ++j) {
+        int ss;
+        size_t cc, ll;
+        if (entry(l + j, &ss, &cc, &ll)) (*out)[ss] = {ll, cc};
+      }
+    break;
+  }
   for (size_t i = 0; i < 4; ++i) {
     int s;
     size_t c, l;
@@ -220,6 +236,24 @@ Snapshot read_snapshot(const std::string& path, void (*progress)(const std::stri
     number(f[31], &s.event.len, 10);
     number(f[32], &s.event.alignment, 10);
     s.has_event = true;
+    return true;
+  });
+  each(kReachSummary, [&](const auto& f) {
+    Reachability& r = s.reachability;
+    if (f.size() != 12 || !integer(f[0], &r.sequence)) return false;
+    for (int k = 0; k < 4; ++k)
+      if (!number(f[1 + 2 * k], &r.blocks[k], 10) || !number(f[2 + 2 * k], &r.bytes[k], 10)) return false;
+    uint64_t us;
+    if (!integer(f[9], &r.threads_stopped) || !integer(f[10], &r.threads_not_stopped) || !number(f[11], &us, 10))
+      return false;
+    r.microseconds = static_cast<long>(us);
+    s.has_reachability = true;
+    return true;
+  });
+  each(kReachBlocks, [&](const auto& f) {
+    uint64_t addr;
+    if (f.size() != 5 || !number(f[0], &addr, 16)) return false;
+    s.reachability.kinds[addr] = f[2];
     return true;
   });
   return s;

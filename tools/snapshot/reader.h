@@ -33,6 +33,16 @@ struct Event {
   uint64_t addr = 0, len = 0, alignment = 0;
 };
 
+// The extension section: the last reachability scan before the file was
+// written. Blocks not listed were reachable.
+struct Reachability {
+  int sequence = 0;
+  uint64_t blocks[4] = {}, bytes[4] = {};  // reachable, interior, definitely lost, indirectly lost
+  int threads_stopped = 0, threads_not_stopped = 0;
+  long microseconds = 0;
+  std::map<uint64_t, std::string> kinds;  // block address -> "interior", "definitely_lost", "indirectly_lost"
+};
+
 struct Snapshot {
   std::string path;
   std::vector<Record> live, released;
@@ -45,6 +55,8 @@ struct Snapshot {
   std::string version, distribution;
   bool has_event = false;
   Event event;
+  bool has_reachability = false;
+  Reachability reachability;
   std::vector<std::string> problems;  // what could not be read, in words
 };
 

@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, only the packages that are missing. Idempotent.
-# Usage: install-deps.sh [bench]   (bench: also GNU time, and valgrind, a
-# peer column of the benchmark; sqlite3 and git, which the tests run under
+# Usage: install-deps.sh [bench]   (bench: also GNU time; valgrind, a peer
+# column of the benchmark and the tests' second opinion on leaks, sqlite3
+# and git, which the tests run under
 # the agent, libdw and zlib for the report, heaptrack, whose reader checks
 # the report's heaptrack files and is a benchmark peer, and chromium, which
 # opens its flame graphs in a test, and Open MPI, whose jobs a test runs,
 # are always installed)
 set -eu
-pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc sqlite3 git libdw-dev zlib1g-dev heaptrack chromium openmpi-bin libopenmpi-dev"
+pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc sqlite3 git libdw-dev zlib1g-dev heaptrack chromium openmpi-bin libopenmpi-dev valgrind"
 if [ "${1:-}" = bench ]; then
-  pkgs="$pkgs time valgrind"
+  pkgs="$pkgs time"
 fi
 missing=""
 for p in $pkgs; do

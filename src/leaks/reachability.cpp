@@ -52,7 +52,8 @@ enum LineFlags : unsigned { kRead = 1, kWrite = 2, kPrivate = 4, kExec = 8, kRoo
 struct MapLine {
   uptr start, end, offset;
   unsigned flags;
-  int name;  // offset of its name in the name pool for executable lines, else -1
+  int name;  // offset of its image's name in the name pool, else -1
+  bool heap;
 };
 
 // Settings.
@@ -423,6 +424,7 @@ struct Scan {
       while (*p == ' ') ++p;
       const char* name = p;
       l.name = -1;
+      l.heap = false;
       bool root = (l.flags & (kRead | kWrite | kPrivate)) == (kRead | kWrite | kPrivate);
       if (name[0] == '/') {
         // An image: a file whose first page, mapped, is an ELF header (its
@@ -437,12 +439,28 @@ struct Scan {
         // image's data (past a file's end, reading would fault).
         root = root && (image || starts(name, "/dev/zero"));
       } else if (name[0] == '[') {
-        root = root && (starts(name, "[heap]") || starts(name, "[stack") || starts(name, "[anon"));
+        l.heap = starts(name, "[heap]");
+        root = root && (l.heap || starts(name, "[stack") || starts(name, "[anon"));
       }
       if (root) l.flags |= kRoot;
       ++nmaps;
     }
     m.close();
+    // Released ranges are left out of the roots only inside the brk heap:
+    // memory the allocator mapped for a block is unmapped at its release,
+    // and the addresses may since hold anything (a thread's stack).
+    const uptr brk = static_cast<uptr>(syscall(SYS_brk, 0));
+    uptr hs = 0, he = 0;
+    for (size_t i = 0; i < nmaps; ++i)
+      if (maps[i].heap || (maps[i].start < brk && brk <= maps[i].end)) {
+        maps[i].heap = true;
+        hs = maps[i].start;
+        he = maps[i].end;
+      }
+    size_t kept = 0;
+    for (size_t i = 0; i < nreleased; ++i)
+      if (released[i].start >= hs && released[i].end <= he) released[kept++] = released[i];
+    nreleased = kept;
     nreadable = 0;
     for (size_t i = 0; i < nmaps; ++i) {
       if (!(maps[i].flags & kRead)) continue;
@@ -454,10 +472,13 @@ struct Scan {
   }
 
   // The stacks below each stopped thread's pointer (and the scanner's own)
-  // are dead frames.
+  // are dead frames; not so for a handler that runs on a stack of the
+  // program's own making (the heap, or a block).
   void exclude_dead_frames(uptr sp) {
+    bool at_start;
+    if (find(sp, &at_start) >= 0) return;
     for (size_t i = 0; i < nmaps; ++i)
-      if (maps[i].start <= sp && sp < maps[i].end && nextra < extra_cap) {
+      if (maps[i].start <= sp && sp < maps[i].end && !maps[i].heap && nextra < extra_cap) {
         extra[nextra++] = Range{maps[i].start, sp};
         return;
       }
@@ -760,7 +781,6 @@ QM_NOINLINE int scan_locked(Scan& s, int report, QM_HEAP_reach_summary_t* out, l
 
   // Lost blocks can be reached by nobody: no thread changes them.
   s.classify_lost();
-
   QM_HEAP_reach_summary_t r = {};
   size_t kept = 0;
   for (size_t i = 0; i < s.n; ++i) {

@@ -101,7 +101,12 @@ _DUMP_LINES = (re.compile(r"^QM_HEAP:  remaining allocated blocks$"),
                re.compile(r"^QM_HEAP:  ALLOCATION TABLE --- (START|END)$"),
                re.compile(r"^QM_HEAP:  +[0-9a-f]+ +\d+$"),
                re.compile(r"^QM_HEAP:  +\d+ +(calloc|free|malloc|realloc|valloc|memalign) \( +\d+ errors\)$"),
-               re.compile(r"^QM_HEAP:  number of outstanding allocations: +\d+$"))
+               re.compile(r"^QM_HEAP:  number of outstanding allocations: +\d+$"),
+               # The reachability scan's report (reachability_scan_on_exit and
+               # the scans on demand), lost blocks by stack.
+               re.compile(r"^QM_HEAP:  reachability : "),
+               re.compile(r"^QM_HEAP:  (definitely lost|interior): "),
+               re.compile(r"^QM_HEAP:        (#\d|\.\.\. |\(no backtrace)"))
 
 # The environment of a run whose every event goes to the console.
 VERBOSE = {"QMHEAP_CONFIG_FILE": "", "QMHEAP_ARGS": "verbosity=2"}

@@ -7,6 +7,7 @@
  *                       whose counts it prints
  *   leaks signal N      the same, then raises signal N (a scan on demand)
  *                       and frees the leaked list, then exits
+ *   leaks blocked       as exit, the thread blocking every signal
  *
  * Lost: a list of four nodes (one definitely lost, three indirectly), a
  * cycle of two (one and one) and a block kept only by a pointer into its
@@ -49,7 +50,11 @@ static struct node* make_list(int n) {
 
 /* A thread that keeps its block on its own stack, until the process ends. */
 static void* holder(void* arg) {
-  (void)arg;
+  if (arg != NULL) {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, NULL);
+  }
   void* volatile mine = malloc(40);
   memset(mine, 1, 40);
   tls_kept = malloc(50);
@@ -88,7 +93,7 @@ static __attribute__((noinline)) void scrub(void) {
 int main(int argc, char** argv) {
   const char* mode = argc > 1 ? argv[1] : "exit";
   pthread_t t;
-  pthread_create(&t, NULL, holder, NULL);
+  pthread_create(&t, NULL, holder, strcmp(mode, "blocked") == 0 ? (void*)1 : NULL);
   while (!thread_ready) usleep(1000);
   keep();
   leak();

@@ -131,6 +131,17 @@ class KnownLeaks(unittest.TestCase):
             shutil.rmtree(d)
 
 
+class CxxStatics(unittest.TestCase):
+    def test_cxx_statics_while_running_and_at_exit(self):
+        r = run([target("cxx_statics")], env=SCAN)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        assert_no_events(r.stderr)
+        found = scans(r.stderr)
+        self.assertEqual(len(found), 2)
+        self.assertGreater(found[0]["reachable"][0], 3000)
+        self.assertEqual([(f["definite"], f["indirect"]) for f in found], [((0, 0), (0, 0))] * 2)
+
+
 @unittest.skipUnless(qmtest.is_64() and os.path.exists(LAUNCHER), "the launcher and gdb drive x86-64 programs")
 class Tools(unittest.TestCase):
     def test_the_launcher_option(self):
@@ -215,15 +226,6 @@ class CorrectPrograms(unittest.TestCase):
         # Without full destruction perl drops its interpreter's structures
         # at exit: real leaks, which valgrind finds too.
         self.no_more_than_valgrind(prog)
-
-    def test_cxx_statics_while_running_and_at_exit(self):
-        r = run([target("cxx_statics")], env=SCAN)
-        self.assertEqual(r.returncode, 0, r.stderr)
-        assert_no_events(r.stderr)
-        found = scans(r.stderr)
-        self.assertEqual(len(found), 2)
-        self.assertGreater(found[0]["reachable"][0], 3000)
-        self.assertEqual([(f["definite"], f["indirect"]) for f in found], [((0, 0), (0, 0))] * 2)
 
     def test_gcc_compiles_and_links(self):
         d = tempfile.mkdtemp()

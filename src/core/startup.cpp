@@ -105,6 +105,7 @@ void unlock_all_mutexes() {
 }
 
 void heap_ia_atfork_prepare() {
+  QM_HEAP_reach_atfork_prepare();
   lock_all_mutexes();
   QM_HEAP_event_core_atfork_prepare();
   QM_HEAP_ht_atfork_prepare();
@@ -130,6 +131,7 @@ void heap_ia_atfork_parent() {
   QM_HEAP_ht_atfork_parent();
   QM_HEAP_event_core_atfork_parent();
   unlock_all_mutexes();
+  QM_HEAP_reach_atfork_parent();
 }
 
 void heap_ia_atfork_child() {
@@ -144,6 +146,7 @@ void heap_ia_atfork_child() {
   QM_HEAP_ht_atfork_child();
   QM_HEAP_event_core_atfork_child();
   unlock_all_mutexes();
+  QM_HEAP_reach_atfork_child();
 }
 
 }  // namespace

@@ -184,6 +184,8 @@ struct Scan {
   uint8_t* state;
   uint32_t* leader;
   size_t n;
+  char* arena;  // the memory of all of it, and the page index's
+  size_t arena_len, index_len;
   uint32_t* stack;  // of block indexes, room for 2n
   size_t depth;
   uint32_t* big;  // blocks looked up by search
@@ -700,7 +702,7 @@ bool lock_table(int try_only) {
   return qm::mutex_try_for_a_while(QM_HEAP_ht_alloc_mutex());
 }
 
-QM_NOINLINE int scan_locked(Scan& s, int report, QM_HEAP_reach_summary_t* out, long long t0) {
+QM_NOINLINE int scan_locked(Scan& s, QM_HEAP_reach_summary_t* out, long long t0) {
   // Everything the scan needs is mapped before any thread stops.
   const size_t n = static_cast<size_t>(QM_HEAP_get_num_records_in_allocation_table());
   const size_t nreleased = static_cast<size_t>(QM_HEAP_get_num_records_in_deallocation_table());
@@ -759,6 +761,9 @@ QM_NOINLINE int scan_locked(Scan& s, int report, QM_HEAP_reach_summary_t* out, l
   size_t slots = 64;
   while (slots < covered * 2) slots *= 2;
   const size_t index_len = QM_pagesize_ceil(slots * sizeof(PageEntry));
+  s.index_len = index_len;
+  s.arena = a.base;
+  s.arena_len = a.len;
   s.pages = static_cast<PageEntry*>(QM_mmap_anon(index_len));
   if (s.pages == nullptr) {
     drop_own(reinterpret_cast<uptr>(a.base));
@@ -821,38 +826,44 @@ QM_NOINLINE int scan_locked(Scan& s, int report, QM_HEAP_reach_summary_t* out, l
   r.microseconds = static_cast<long>(now_us() - t0);
   last_summary = r;
   have_result = true;
-  if (out != nullptr) *out = r;
+  *out = r;
 
-  if (report) {
-    // What hangs from each definitely lost block, then the groups; the
-    // arena's per-block scratch (stack, big) is free again.
-    auto* ind_blocks = reinterpret_cast<unsigned long*>(s.stack);
-    static_assert(sizeof(unsigned long) <= 2 * sizeof(uint32_t));
-    for (size_t i = 0; i < s.n; ++i) ind_blocks[i] = 0;
-    size_t extra_len = QM_pagesize_ceil((s.n + 1) * (sizeof(Group) + sizeof(unsigned long)));
-    char* extra = static_cast<char*>(QM_mmap_anon(extra_len));
-    QM_HEAP_io_lock_io_mutex();
-    print_summary(r);
-    if (extra != nullptr) {
-      auto* ind_bytes = reinterpret_cast<unsigned long*>(extra);
-      auto* groups = reinterpret_cast<Group*>(extra + (s.n + 1) * sizeof(unsigned long));
-      for (size_t i = 0; i < s.n; ++i) ind_bytes[i] = 0;
-      for (size_t i = 0; i < s.n; ++i)
-        if (s.state[i] == kIndirect) {
-          ++ind_blocks[s.leader[i]];
-          ind_bytes[s.leader[i]] += s.blocks[i].end - s.blocks[i].addr;
-        }
-      report_kind(s, groups, reach_definitely_lost, ind_blocks, ind_bytes);
-      report_kind(s, groups, reach_interior, ind_blocks, ind_bytes);
-      QM_munmap(extra, extra_len);
-    }
-    QM_HEAP_io_unlock_io_mutex();
-  }
-  drop_own(reinterpret_cast<uptr>(s.pages));
-  QM_munmap(s.pages, index_len);
-  drop_own(reinterpret_cast<uptr>(a.base));
-  QM_munmap(a.base, a.len);
   return 0;
+}
+
+// The console report of a scan made (after the table lock is released: the
+// output lock is taken before it by a fork).
+void report_scan(Scan& s, const QM_HEAP_reach_summary_t& r) {
+  // What hangs from each definitely lost block, then the groups; the
+  // arena's per-block scratch (stack, big) is free again.
+  auto* ind_blocks = reinterpret_cast<unsigned long*>(s.stack);
+  static_assert(sizeof(unsigned long) <= 2 * sizeof(uint32_t));
+  for (size_t i = 0; i < s.n; ++i) ind_blocks[i] = 0;
+  size_t extra_len = QM_pagesize_ceil((s.n + 1) * (sizeof(Group) + sizeof(unsigned long)));
+  char* extra = static_cast<char*>(QM_mmap_anon(extra_len));
+  QM_HEAP_io_lock_io_mutex();
+  print_summary(r);
+  if (extra != nullptr) {
+    auto* ind_bytes = reinterpret_cast<unsigned long*>(extra);
+    auto* groups = reinterpret_cast<Group*>(extra + (s.n + 1) * sizeof(unsigned long));
+    for (size_t i = 0; i < s.n; ++i) ind_bytes[i] = 0;
+    for (size_t i = 0; i < s.n; ++i)
+      if (s.state[i] == kIndirect) {
+        ++ind_blocks[s.leader[i]];
+        ind_bytes[s.leader[i]] += s.blocks[i].end - s.blocks[i].addr;
+      }
+    report_kind(s, groups, reach_definitely_lost, ind_blocks, ind_bytes);
+    report_kind(s, groups, reach_interior, ind_blocks, ind_bytes);
+    QM_munmap(extra, extra_len);
+  }
+  QM_HEAP_io_unlock_io_mutex();
+}
+
+void release_scan(Scan& s) {
+  drop_own(reinterpret_cast<uptr>(s.pages));
+  QM_munmap(s.pages, s.index_len);
+  drop_own(reinterpret_cast<uptr>(s.arena));
+  QM_munmap(s.arena, s.arena_len);
 }
 
 // A scan asked for by signal while the thread was inside the agent: made as
@@ -936,9 +947,15 @@ int QM_HEAP_reach_scan(int report, int try_only, QM_HEAP_reach_summary_t* out) {
   int r = -1;
   int cancel = 0;
   QM_thread_disable_cancel(&cancel);
-  r = scan_locked(s, report, out, t0);
-  QM_thread_restore_cancelstate(cancel);
+  QM_HEAP_reach_summary_t summary = {};
+  r = scan_locked(s, &summary, t0);
   QM_HEAP_ht_alloc_write_unlock();
+  if (r == 0) {
+    if (out != nullptr) *out = summary;
+    if (report) report_scan(s, summary);
+    release_scan(s);
+  }
+  QM_thread_restore_cancelstate(cancel);
   qm::mutex_unlock(&scan_mutex);
   if (r != 0 && report) QM_HEAP_printf("reachability : the scan could not run (no memory for its tables)\n");
   return r;
@@ -950,6 +967,11 @@ const QM_HEAP_reach_summary_t* QM_HEAP_reach_last_result(const QM_HEAP_reach_blo
   if (count != nullptr) *count = last_blocks != nullptr ? last_count : 0;
   return &last_summary;
 }
+
+// Fork waits for a scan in progress; the child starts with none.
+void QM_HEAP_reach_atfork_prepare() { qm::mutex_lock(&scan_mutex); }
+void QM_HEAP_reach_atfork_parent() { qm::mutex_unlock(&scan_mutex); }
+void QM_HEAP_reach_atfork_child() { qm::mutex_unlock(&scan_mutex); }
 
 void QM_HEAP_reach_at_exit() {
   if (scan_on_exit) QM_HEAP_reach_scan(1, 0, nullptr);

@@ -69,6 +69,10 @@ int QM_HEAP_reach_scan(int report, int try_only, QM_HEAP_reach_summary_t* out);
 // when no scan has been made.
 const QM_HEAP_reach_summary_t* QM_HEAP_reach_last_result(const QM_HEAP_reach_block_t** blocks, size_t* count);
 
+void QM_HEAP_reach_atfork_prepare();
+void QM_HEAP_reach_atfork_parent();
+void QM_HEAP_reach_atfork_child();
+
 // At exit: the scan and its report when the setting asks for them.
 void QM_HEAP_reach_at_exit();
 }

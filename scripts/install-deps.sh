@@ -5,9 +5,14 @@
 # the agent, libdw and zlib for the report, heaptrack, whose reader checks
 # the report's heaptrack files and is a benchmark peer, and chromium, which
 # opens its flame graphs in a test, and Open MPI, whose jobs a test runs,
-# are always installed)
+# are always installed, and so are make and the python3 standard library's
+# test package, which run under the agent in the heavy programs' test and
+# the benchmark)
 set -eu
-pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc sqlite3 git libdw-dev zlib1g-dev heaptrack chromium openmpi-bin libopenmpi-dev"
+pkgs="g++ g++-multilib cmake ninja-build qemu-user libgtest-dev googletest libbenchmark-dev python3 gdb perl binutils file bc sqlite3 git libdw-dev zlib1g-dev heaptrack chromium openmpi-bin libopenmpi-dev make"
+# Debian names the test package by the version of the system's python3.
+py=$(/usr/bin/python3 -c 'import sys; print("%d.%d" % sys.version_info[:2])' 2>/dev/null || echo 3.11)
+pkgs="$pkgs libpython$py-testsuite"
 if [ "${1:-}" = bench ]; then
   pkgs="$pkgs time valgrind"
 fi

@@ -90,7 +90,7 @@ FRAME = ("QM_HEAP:  STARTING", "QM_HEAP:  QM distribution", "QM_HEAP:  FINISHING
 # along the way. Checks and the warm-up cost about half a round more.
 REFERENCE_ROUND_SECONDS = {
     "churn-1t": 11, "churn-1t-deep": 12, "churn-2t": 18, "churn-4t": 19, "churn-i386": 31,
-    "python": 18, "perl": 8, "sqlite": 23, "gcc": 18, "git": 16, "pytests": 150, "make": 110,
+    "python": 18, "perl": 8, "sqlite": 23, "gcc": 18, "git": 16, "pytests": 160, "make": 80,
 }
 
 

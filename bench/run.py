@@ -800,8 +800,10 @@ class Bench:
             "Each cell: median over the rounds of the per-round ratio tool/plain of wall time, "
             "(CPU time: user + system of the whole process tree) and [peak RSS: the largest process of the tree]. "
             "The plain column gives the medians of the plain runs themselves. "
-            "qmheap runs at its default settings with no configuration file (the variant columns add "
-            + "; ".join("%s: `%s`" % (VARIANTS[v][1], VARIANTS[v][0]) for v in self.variants()) + "); heaptrack writes its trace "
+            "qmheap runs at its default settings with no configuration file"
+            + (" (the variant columns add " + "; ".join("%s: `%s`" % (VARIANTS[v][1], VARIANTS[v][0])
+                                                       for v in self.variants()) + ")" if self.variants() else "")
+            + "; heaptrack writes its trace "
             "to a temporary file (removed); valgrind is memcheck, `-q --trace-children=yes`.",
             "",
             table,

@@ -12,9 +12,18 @@ divided by the same round's plain figure, and the median of those per-round
 ratios reported. The agent runs at its default settings with no
 configuration file (QMHEAP_CONFIG_FILE set empty).
 
+The workloads: an allocation churn (1, 2 and 4 threads; i386), python3 on
+lists of dicts, perl on hashes, a sqlite3 session, a gcc compile, a git
+session, the python3 standard library's tests of json, re and threading
+(`python3 -m test`), and a make -j2 build of a generated C project of 40
+units (bench/workloads/cproject.py: two libraries and a program, then run).
+
 Before the timed runs every workload is checked: its output (checksum,
-digest, query results, object file, commit ids) must be the same plain and
-under the agent, and the agent at verbosity 2 must report no heap event.
+digest, query results, object files, commit ids, each test case's outcome,
+the built program's output) must be the same plain and under the agent, and
+the agent at verbosity 2 must report no heap event (for the python tests,
+which check that their children's standard error is empty, the agent's
+lines of the whole process tree go to a FIFO instead).
 
 Knobs (environment, or the options of the same meaning):
   QMHEAP_BENCH_PAIRS=N     rounds per workload (default 5)              --pairs N
@@ -42,7 +51,9 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import threading
 import time
+import xml.etree.ElementTree as ET
 
 BENCH = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(BENCH)
@@ -79,7 +90,7 @@ FRAME = ("QM_HEAP:  STARTING", "QM_HEAP:  QM distribution", "QM_HEAP:  FINISHING
 # along the way. Checks and the warm-up cost about half a round more.
 REFERENCE_ROUND_SECONDS = {
     "churn-1t": 11, "churn-1t-deep": 12, "churn-2t": 18, "churn-4t": 19, "churn-i386": 31,
-    "python": 18, "perl": 8, "sqlite": 23, "gcc": 18, "git": 16,
+    "python": 18, "perl": 8, "sqlite": 23, "gcc": 18, "git": 16, "pytests": 160, "make": 80,
 }
 
 
@@ -139,9 +150,36 @@ def run_tree(argv, env, cwd, stdin_path=None, keep_output=True):
         return Run(wall, ru.ru_utime + ru.ru_stime, peak, p.returncode, text_out, text_err)
 
 
+class Reports:
+    """A FIFO that the agents of a whole process tree write their lines to
+    (output_file), read as they come; close() gives what was written."""
+
+    def __init__(self, tmp):
+        self.path = os.path.join(tmp, "qmheap-reports")
+        os.mkfifo(self.path)
+        # Opened for reading and writing: no end of file between writers,
+        # and no writer's open waits for a reader.
+        self.fd = os.open(self.path, os.O_RDWR)
+        self.chunks = []
+        self.reader = threading.Thread(target=self.read)
+        self.reader.start()
+
+    def read(self):
+        while not self.chunks or b"\0" not in self.chunks[-1]:
+            self.chunks.append(os.read(self.fd, 65536))
+
+    def close(self):
+        os.write(self.fd, b"\0")
+        self.reader.join()
+        os.close(self.fd)
+        os.remove(self.path)
+        return b"".join(self.chunks).replace(b"\0", b"").decode("utf-8", "replace")
+
+
 def clean_env():
     env = dict(os.environ)
-    for k in ("LD_PRELOAD", "QMHEAP_ARGS", "QMHEAP_CONFIG_FILE", "MALLOC_CHECK_", "MALLOC_PERTURB_"):
+    for k in ("LD_PRELOAD", "QMHEAP_ARGS", "QMHEAP_CONFIG_FILE", "MALLOC_CHECK_", "MALLOC_PERTURB_",
+              "MAKEFLAGS", "MFLAGS", "MAKELEVEL"):
         env.pop(k, None)
     env["LC_ALL"] = "C"
     return env
@@ -161,6 +199,7 @@ class Workload:
     env = {}
     heaptrack_note = None  # why heaptrack is not measured here, if it is not
     valgrind_note = None   # how the valgrind figures differ, if they do
+    reports_apart = False  # the agent's lines at verbosity 2 go to a FIFO, not to standard error
 
     def __init__(self, tmp, quick, tools):
         self.tmp = os.path.join(tmp, self.name)
@@ -324,6 +363,72 @@ class Git(Workload):
         return [self.tools["bash"], os.path.join(WORKLOADS, "git_session.sh"), "run", self.tree(size)]
 
 
+class PyTests(Workload):
+    name = "pytests"
+    label = "python3 -m test: json, re, threading"
+    env = {"PYTHONMALLOC": "malloc", "PYTHONHASHSEED": "0", "PYTHONDONTWRITEBYTECODE": "1"}
+    # Its tests check that their children's standard error is empty.
+    reports_apart = True
+    valgrind_note = "valgrind runs test_json alone (plain and valgrind alike; the other columns all three)"
+
+    def tests(self, size):
+        return ["test_json"] if self.quick or size == "valgrind" else ["test_json", "test_re", "test_threading"]
+
+    def argv(self, size):
+        return [self.tools["python3"], "-m", "test", "--junit-xml", os.path.join(self.tmp, "results.xml")] + \
+            self.tests(size)
+
+    def reset(self, size):
+        if os.path.exists(os.path.join(self.tmp, "results.xml")):
+            os.remove(os.path.join(self.tmp, "results.xml"))
+
+    def output(self, run):
+        # Each test case's outcome, and the summary less progress and timing lines.
+        cases = sorted(" ".join([c.get("name"), c.get("result")] + [x.tag for x in c])
+                       for c in ET.parse(os.path.join(self.tmp, "results.xml")).getroot().iter("testcase"))
+        summary = [l for l in run.stdout.splitlines() if "load avg" not in l and not l.startswith("Total duration")]
+        return "\n".join(cases + summary + ["%d test cases" % len(cases)])
+
+
+class Make(Workload):
+    name = "make"
+    label = "make -j2: 40-unit C project, two libraries, a program run"
+    heaptrack_note = "does not follow child processes (the compilers)"
+    valgrind_note = "valgrind builds 6 units of 200 lines (plain and valgrind alike; the other columns 40 of 400)"
+
+    def shape(self, size):
+        return (6, 150) if self.quick else (6, 200) if size == "valgrind" else (40, 400)
+
+    def source(self, size):
+        return os.path.join(self.tmp, "source-%d-%d" % self.shape(size))
+
+    def prepare(self):
+        for size in ("quick",) if self.quick else ("full", "valgrind"):
+            subprocess.run([sys.executable, os.path.join(WORKLOADS, "cproject.py"), self.source(size)]
+                           + [str(n) for n in self.shape(size)], check=True)
+
+    def reset(self, size):
+        # Every build starts from the bare sources.
+        shutil.rmtree(os.path.join(self.tmp, "tree"), ignore_errors=True)
+        shutil.copytree(self.source(size), os.path.join(self.tmp, "tree"))
+
+    def argv(self, size):
+        return [self.tools["make"], "-s", "--no-print-directory", "-j2", "-C", os.path.join(self.tmp, "tree"),
+                "all", "check"]
+
+    def output(self, run):
+        # The program's output and every object and product, byte for byte.
+        tree = os.path.join(self.tmp, "tree")
+        digests = []
+        for top, _, files in sorted(os.walk(tree)):
+            for f in sorted(files):
+                if f.endswith((".o", ".a", ".so")) or f == "prog":
+                    with open(os.path.join(top, f), "rb") as fh:
+                        digests.append("%s %s" % (os.path.relpath(os.path.join(top, f), tree),
+                                                  hashlib.sha256(fh.read()).hexdigest()))
+        return run.stdout + "\n".join(digests) + "\n%d products" % len(digests)
+
+
 # ---------------------------------------------------------------------------
 # The benchmark
 
@@ -395,7 +500,7 @@ class Bench:
         # The interpreters themselves, not wrapper scripts in front of them.
         py = "/usr/bin/python3" if os.path.exists("/usr/bin/python3") else sys.executable
         t["python3"] = os.path.realpath(py)
-        for name in ("perl", "sqlite3", "gcc", "bash", "heaptrack", "valgrind"):
+        for name in ("perl", "sqlite3", "gcc", "bash", "make", "heaptrack", "valgrind"):
             p = shutil.which(name)
             t[name] = os.path.realpath(p) if p and name not in ("heaptrack",) else p
         return t
@@ -413,9 +518,17 @@ class Bench:
         else:
             log("bench: build/i386 is not built; the i386 row is left out")
         ws.append(Python(self.tmp, q, t))
-        for cls, tool in ((Perl, "perl"), (Sqlite, "sqlite3"), (Gcc, "gcc"), (Git, "bash")):
+        for cls, tool in ((Perl, "perl"), (Sqlite, "sqlite3"), (Gcc, "gcc"), (Git, "bash"), (PyTests, "python3"),
+                          (Make, "make")):
             if tool == "bash" and not shutil.which("git"):
                 log("bench: git is not installed; the git row is left out")
+                continue
+            if cls is PyTests and subprocess.run([t["python3"], "-c", "import test.support"],
+                                                 capture_output=True).returncode != 0:
+                log("bench: python3's test package is not installed; the pytests row is left out")
+                continue
+            if cls is Make and not t["gcc"]:
+                log("bench: gcc is not installed; the make row is left out")
                 continue
             if not t[tool]:
                 log("bench: %s is not installed; its row is left out" % tool)
@@ -458,10 +571,17 @@ class Bench:
         """One run; with keep_output, r.output is what must not change under the agent."""
         argv, env = self.command(w, tool, size, agent_args)
         w.reset(size)
+        reports = None
+        if w.reports_apart and "verbosity=" in env.get("QMHEAP_ARGS", ""):
+            reports = Reports(self.tmp)
+            env["QMHEAP_ARGS"] += " output_file=" + reports.path
         try:
             r = run_tree(argv, env, w.tmp, w.stdin(size), keep_output)
         except OSError as e:
             r = Run(0.0, 0.0, 0, 127, "", "%s: %s" % (argv[0], e))
+        finally:
+            lines = reports.close() if reports else ""
+        r.stderr += lines  # the checks look for the agent's lines in standard error
         r.output = w.output(r) if keep_output and r.status == 0 else None
         if tool == "heaptrack":
             for f in os.listdir(self.tmp):
@@ -680,8 +800,10 @@ class Bench:
             "Each cell: median over the rounds of the per-round ratio tool/plain of wall time, "
             "(CPU time: user + system of the whole process tree) and [peak RSS: the largest process of the tree]. "
             "The plain column gives the medians of the plain runs themselves. "
-            "qmheap runs at its default settings with no configuration file (the variant columns add "
-            + "; ".join("%s: `%s`" % (VARIANTS[v][1], VARIANTS[v][0]) for v in self.variants()) + "); heaptrack writes its trace "
+            "qmheap runs at its default settings with no configuration file"
+            + (" (the variant columns add " + "; ".join("%s: `%s`" % (VARIANTS[v][1], VARIANTS[v][0])
+                                                       for v in self.variants()) + ")" if self.variants() else "")
+            + "; heaptrack writes its trace "
             "to a temporary file (removed); valgrind is memcheck, `-q --trace-children=yes`.",
             "",
             table,
@@ -774,6 +896,8 @@ def tool_versions(tools, peers):
         v.append("sqlite3 " + first([tools["sqlite3"], "--version"]).split()[0])
     if tools["gcc"]:
         v.append("gcc " + first([tools["gcc"], "-dumpfullversion"]))
+    if tools["make"]:
+        v.append(first([tools["make"], "--version"]))
     if shutil.which("git"):
         v.append(first(["git", "--version"]))
     for p in peers:

@@ -771,6 +771,11 @@ QM_NOINLINE int scan_locked(Scan& s, QM_HEAP_reach_summary_t* out, long long t0)
     return -1;
   }
   add_own(reinterpret_cast<uptr>(s.pages), reinterpret_cast<uptr>(s.pages) + index_len);
+  s.agent[s.nagent++] = Range{reinterpret_cast<uptr>(s.pages), reinterpret_cast<uptr>(s.pages) + index_len};
+  uptr slots_start, slots_end;
+  qm::stop_slots_range(&slots_start, &slots_end);
+  if (slots_end > slots_start) s.agent[s.nagent++] = Range{slots_start, slots_end};
+  sort_ranges(s.agent, s.nagent);
   s.page_mask = slots - 1;
   s.build_index();
 

@@ -18,6 +18,7 @@ namespace {
 // (a thread that answers very late may still write to them).
 constinit StoppedThread* slots = nullptr;
 constinit int capacity = 0;
+constinit size_t slots_len = 0;
 constinit volatile int num_slots = 0;  // published before each signal is sent
 constinit volatile int stop_epoch = 0;
 constinit volatile int release_epoch = 0;  // the futex word the stopped wait on
@@ -148,11 +149,20 @@ int count_other_threads() {
 bool reserve_stop_slots(int n) {
   if (n <= capacity) return true;
   const int want = n + n / 2 + 16;
-  void* p = QM_mmap_anon(QM_pagesize_ceil(static_cast<size_t>(want) * sizeof(StoppedThread)));
+  const size_t len = QM_pagesize_ceil(static_cast<size_t>(want) * sizeof(StoppedThread));
+  void* p = QM_mmap_anon(len);
   if (p == nullptr) return false;
+  // The old slots stay mapped (a late thread may write there), emptied.
+  if (slots != nullptr) __builtin_memset(slots, 0, slots_len);
   slots = static_cast<StoppedThread*>(p);
+  slots_len = len;
   capacity = want;
   return true;
+}
+
+void stop_slots_range(uintptr_t* start, uintptr_t* end) {
+  *start = reinterpret_cast<uintptr_t>(slots);
+  *end = *start + slots_len;
 }
 
 void stop_world(StoppedWorld* w, int timeout_ms) {

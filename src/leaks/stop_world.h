@@ -49,6 +49,9 @@ int count_other_threads();
 // anything that must not allocate.
 bool reserve_stop_slots(int n);
 
+// The slots' memory (registers of threads stopped before: never a root).
+void stop_slots_range(uintptr_t* start, uintptr_t* end);
+
 // Stops every other thread it can (within timeout_ms); fills *w. Every
 // thread asked is let go again by resume_world, which must follow.
 void stop_world(StoppedWorld* w, int timeout_ms);

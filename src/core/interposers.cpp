@@ -68,15 +68,17 @@ __attribute__((noinline)) auto enter(QM_HEAP_heap_op_e op, const char* name, Bod
   a.sized_len = family.sized_len;
   a.alignment = family.alignment;
   a.rp = &local;
+  // Cancellation off before the thread counts itself in: an asynchronous
+  // cancellation can then strike only where the caller's own state is
+  // restored around the allocator, with no agent lock held and the count
+  // and its record consistent (a thread cancelled between the two would
+  // take its later calls, at its exit, for nested ones).
+  qm::setup_caller_state(&a.caller_info);
   a.num_times_entered = QM_enter_ia(reinterpret_cast<void**>(&a.rp));
   qm::setup_reentry_info(&a, &local);
   if (QM_LIKELY(a.num_times_entered == 1)) {
     c_owner_t* c = reinterpret_cast<c_owner_t*>(owner);
     decltype(body(&a)) r;
-    // Cancellation off before anything is counted or locked: an asynchronous
-    // cancellation can then strike only where the caller's own state is
-    // restored around the allocator, with no agent lock held.
-    qm::setup_caller_state(&a.caller_info);
     c->funcs->start_op(c);
     if (local.want_cleanup_handler) {
       // Leaves the gate and the agent and restores the cancellation state
@@ -93,11 +95,13 @@ __attribute__((noinline)) auto enter(QM_HEAP_heap_op_e op, const char* name, Bod
   if (a.rp->allow_reentry) {
     auto r = body(&a);
     QM_leave_ia();
+    qm::restore_caller_cancellation(&a.caller_info);
     return r;
   }
   // A call from inside the agent (or from the real allocator): no bookkeeping.
   allocator_t* al = qm::owner_allocator(owner);
   QM_leave_ia();
+  qm::restore_caller_cancellation(&a.caller_info);
   return direct(al, owner);
 }
 

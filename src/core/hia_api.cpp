@@ -290,7 +290,7 @@ QM_EXPORT int QM_HIA_API_get_alloc_guard_status(const void* p, int* pre_is_ok, i
 QM_EXPORT int QM_HIA_API_scan_reachability(int print, long* counts) {
   QM_HEAP_reach_summary_t r;
   // Only tried: a debugger's threads may be stopped holding the table lock.
-  if (QM_HEAP_reach_scan(print, 1, &r) != 0) return kInternal;
+  if (QM_HEAP_reach_scan(print, reach_lock_try_a_while, &r) != 0) return kInternal;
   if (counts != nullptr)
     for (int k = 0; k < reach_num_kinds; ++k) {
       counts[2 * k] = static_cast<long>(r.blocks[k]);

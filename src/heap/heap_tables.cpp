@@ -313,7 +313,12 @@ const char* QM_HEAP_alloc_rec_flag_to_str(int flag) {
   }
 }
 
+// Every change of the allocation table's blocks (under its lock): what a
+// reachability result was made of is still there while it is unchanged.
+unsigned long QM_HEAP_allocation_table_changes = 0;
+
 alloc_rec_id_t QM_HEAP_insert_allocation_record(const allocation_record_t* rec) {
+  ++QM_HEAP_allocation_table_changes;
   return insert(&QM_HEAP_allocation_table, rec);
 }
 alloc_rec_id_t QM_HEAP_lookup_allocation_record(const void* addr, allocation_record_t* rec_out,
@@ -321,6 +326,7 @@ alloc_rec_id_t QM_HEAP_lookup_allocation_record(const void* addr, allocation_rec
   return lookup(&QM_HEAP_allocation_table, addr, rec_out, exact_lookup);
 }
 alloc_rec_id_t QM_HEAP_insert_allocation_record_if_clear(const allocation_record_t* rec, size_t span) {
+  ++QM_HEAP_allocation_table_changes;
   heap_avl_info_t* t = &QM_HEAP_allocation_table;
   const uintptr_t s = U(rec->addr), e = s + (span > 0 ? span : 1);
   // A duplicate start is never passed to the tree (it would be fatal there):
@@ -339,7 +345,10 @@ alloc_rec_id_t QM_HEAP_lookup_allocation_range_record(const void* addr, size_t l
                                                       allocation_record_t* rec_out) {
   return lookup_range(&QM_HEAP_allocation_table, addr, len, rec_out);
 }
-int QM_HEAP_remove_allocation_record(const void* addr) { return remove(&QM_HEAP_allocation_table, addr); }
+int QM_HEAP_remove_allocation_record(const void* addr) {
+  ++QM_HEAP_allocation_table_changes;
+  return remove(&QM_HEAP_allocation_table, addr);
+}
 int QM_HEAP_get_num_records_in_allocation_table() { return QM_HEAP_allocation_table.num_records; }
 
 int QM_HEAP_get_allocation_record_by_id(alloc_rec_id_t id, allocation_record_t* rec_out) {
@@ -349,6 +358,7 @@ int QM_HEAP_get_allocation_record_by_id(alloc_rec_id_t id, allocation_record_t* 
 }
 int QM_HEAP_set_alloc_len_by_id(alloc_rec_id_t id, size_t len) {
   if (id == nullptr) return -1;
+  ++QM_HEAP_allocation_table_changes;
   id->allocation_record.len = len;
   return 0;
 }
@@ -372,6 +382,7 @@ int QM_HEAP_set_alloc_control_info_by_id(alloc_rec_id_t id, void* control_info) 
 int QM_HEAP_set_alloc_fields_by_id(alloc_rec_id_t id, const allocation_record_t* rec, int fields) {
   if (id == nullptr || rec == nullptr) return -1;
   allocation_record_t* r = &id->allocation_record;
+  if (fields & (ar_field_addr | ar_field_len)) ++QM_HEAP_allocation_table_changes;
   if ((fields & ar_field_addr) && r->addr != rec->addr) rekey(&QM_HEAP_allocation_table, id, rec->addr);
   if (fields & ar_field_len) r->len = rec->len;
   if (fields & ar_field_backtrace_id) r->backtrace_id = rec->backtrace_id;

@@ -71,6 +71,8 @@ typedef int (*ht_iter_func_t)(allocation_record_t* rec, int* stop_iterating, voi
 typedef int (*ht_filter_func_t)(alloc_rec_id_t id, ht_filter_arg_t* farg, void* arg);
 
 extern heap_avl_info_t QM_HEAP_allocation_table;
+// Changes of the allocation table's blocks (inserted, removed, resized).
+extern unsigned long QM_HEAP_allocation_table_changes;
 extern heap_avl_info_t QM_HEAP_deallocation_table;
 extern volatile int default_heap_table_inc_num_nodes;
 // One operations table per lookup method, indexed by lookup_method_e.

@@ -1,6 +1,7 @@
 #include "leaks/reachability.h"
 
 #include <elf.h>
+#include <sys/stat.h>
 #include <fcntl.h>
 #include <link.h>
 #include <signal.h>
@@ -53,7 +54,7 @@ struct MapLine {
   uptr start, end, offset;
   unsigned flags;
   int name;  // offset of its image's name in the name pool, else -1
-  bool heap;
+  bool heap, stack, anon;
 };
 
 // Settings.
@@ -130,7 +131,14 @@ Range own_image() {
 
 struct MapsReader {
   buffered_file_reader_t r;
-  bool open() { return QM_bfr_open(&r, "/proc/self/maps") == 0; }
+  bool open() {
+    r.fd = qm::open_proc_maps();
+    r.next = 0;
+    r.length = 0;
+    r.sizeof_buffer = bfr_constants_sizeof_buffer;
+    r.eof = 0;
+    return r.fd >= 0;
+  }
   void close() { QM_bfr_close(&r); }
   // One line into buf (cut at cap - 1); false at the end.
   bool line(char* buf, int cap) {
@@ -207,6 +215,8 @@ struct Scan {
   size_t nreadable;
   char* names;
   size_t names_used, names_cap;
+  unsigned long long* image_inodes;
+  size_t nimages, images_cap;
   // Stopped threads.
   qm::StoppedWorld world;
   uptr self_sp;
@@ -395,14 +405,34 @@ struct Scan {
   }
 
   // Reads the mappings: which lines are roots, and the readable ranges.
-  void read_maps() {
+  // The inodes of the loaded images (from the dynamic linker's list: the
+  // files' own first bytes are not read, a mapped file may have shrunk).
+  void collect_images() {
+    nimages = 0;
+    auto add = [&](const char* path) {
+      struct statx st;
+      if (nimages < images_cap && syscall(SYS_statx, AT_FDCWD, path, 0, STATX_INO, &st) == 0)
+        image_inodes[nimages++] = st.stx_ino;
+    };
+    add("/proc/self/exe");
+    for (const struct link_map* l = _r_debug.r_map; l != nullptr; l = l->l_next)
+      if (l->l_name != nullptr && l->l_name[0] == '/') add(l->l_name);
+  }
+
+  bool is_image(unsigned long long inode) const {
+    for (size_t i = 0; i < nimages; ++i)
+      if (image_inodes[i] == inode) return inode != 0;
+    return false;
+  }
+
+  // Reads the mappings: which lines are roots, and the readable ranges.
+  // False when the mappings cannot be read (then there is no scan).
+  bool read_maps() {
     MapsReader m;
     nmaps = 0;
-    if (!m.open()) return;
+    if (!m.open()) return false;
+    collect_images();
     char buf[768];
-    constexpr int kImages = 256;
-    unsigned long long image_inodes[kImages];
-    int nimages = 0;
     while (nmaps < maps_cap && m.line(buf, sizeof buf)) {
       const char* p = buf;
       MapLine& l = maps[nmaps];
@@ -426,24 +456,17 @@ struct Scan {
       while (*p == ' ') ++p;
       const char* name = p;
       l.name = -1;
-      l.heap = false;
-      bool root = (l.flags & (kRead | kWrite | kPrivate)) == (kRead | kWrite | kPrivate);
-      if (name[0] == '/') {
-        // An image: a file whose first page, mapped, is an ELF header (its
-        // code need not show as executable: an emulator maps it readable).
-        if (l.offset == 0 && (l.flags & kRead) && inode != 0 && nimages < kImages &&
-            *reinterpret_cast<const volatile uint32_t*>(l.start) == 0x464c457fU)
-          image_inodes[nimages++] = inode;
-        bool image = false;
-        for (int i = 0; i < nimages && !image; ++i) image = image_inodes[i] == inode && inode != 0;
-        if (image) l.name = keep_name(name);
-        // A file's private writable pages are read only when they are an
-        // image's data (past a file's end, reading would fault).
-        root = root && (image || starts(name, "/dev/zero"));
-      } else if (name[0] == '[') {
-        l.heap = starts(name, "[heap]");
-        root = root && (l.heap || starts(name, "[stack") || starts(name, "[anon"));
-      }
+      l.heap = starts(name, "[heap]");
+      l.stack = starts(name, "[stack");
+      // Memory of no file: anonymous, shared or not, writable or not (a
+      // table made read-only once filled), huge pages, System V segments.
+      l.anon = name[0] == '\0' || l.heap || l.stack || starts(name, "[anon") || starts(name, "/dev/zero") ||
+               starts(name, "/anon_hugepage") || starts(name, "/SYSV");
+      const bool image = name[0] == '/' && !l.anon && is_image(inode);
+      if (image) l.name = keep_name(name);
+      // A file's pages are read only when they are an image's data (a file
+      // that has shrunk faults past its end; a device may fault anywhere).
+      const bool root = (l.flags & kRead) && (l.anon || (image && (l.flags & kWrite) && (l.flags & kPrivate)));
       if (root) l.flags |= kRoot;
       ++nmaps;
     }
@@ -471,6 +494,7 @@ struct Scan {
       else
         readable[nreadable++] = Range{maps[i].start, maps[i].end};
     }
+    return nmaps > 0;
   }
 
   // The stacks below each stopped thread's pointer (and the scanner's own)
@@ -479,11 +503,18 @@ struct Scan {
   void exclude_dead_frames(uptr sp) {
     bool at_start;
     if (find(sp, &at_start) >= 0) return;
-    for (size_t i = 0; i < nmaps; ++i)
-      if (maps[i].start <= sp && sp < maps[i].end && !maps[i].heap && nextra < extra_cap) {
+    for (size_t i = 0; i < nmaps; ++i) {
+      if (!(maps[i].start <= sp && sp < maps[i].end)) continue;
+      // A stack: the process's own, or a thread's (anonymous, above an
+      // inaccessible guard). Not an alternate signal stack in a program's
+      // data, nor a pool of coroutine stacks without guards.
+      const bool guarded = i > 0 && maps[i - 1].end == maps[i].start && maps[i - 1].anon &&
+                           !(maps[i - 1].flags & kRead);
+      if ((maps[i].stack || (maps[i].anon && !maps[i].heap && guarded)) && nextra < extra_cap) {
         extra[nextra++] = Range{maps[i].start, sp};
-        return;
       }
+      return;
+    }
   }
 
   void mark_from_roots() {
@@ -553,7 +584,8 @@ struct Arena {
 
 size_t arena_size(size_t n, size_t nreleased, size_t nagent, size_t nmaps, size_t names) {
   return n * (sizeof(Block) + sizeof(int) + 1 + sizeof(uint32_t) * 4) + nreleased * sizeof(Range) +
-         nagent * sizeof(Range) + nmaps * (sizeof(MapLine) + sizeof(Range)) + names + 16 * 16;
+         nagent * sizeof(Range) + nmaps * (sizeof(MapLine) + sizeof(Range) + sizeof(unsigned long long)) + names +
+         16 * 16;
 }
 
 int collect_block(allocation_record_t* r, int*, void* arg) {
@@ -694,13 +726,16 @@ void print_summary(const QM_HEAP_reach_summary_t& r) {
 
 // --- the scan's steps -----------------------------------------------------------------
 
-bool lock_table(int try_only) {
-  if (!try_only) {
+bool lock_table(int lock) {
+  if (lock == reach_lock_wait) {
     QM_HEAP_ht_alloc_write_lock();
     return true;
   }
+  if (lock == reach_lock_try_once) return qm::mutex_trylock(QM_HEAP_ht_alloc_mutex()) == 0;
   return qm::mutex_try_for_a_while(QM_HEAP_ht_alloc_mutex());
 }
+
+void release_scan(Scan& s);
 
 QM_NOINLINE int scan_locked(Scan& s, QM_HEAP_reach_summary_t* out, long long t0) {
   // Everything the scan needs is mapped before any thread stops.
@@ -710,11 +745,11 @@ QM_NOINLINE int scan_locked(Scan& s, QM_HEAP_reach_summary_t* out, long long t0)
   const size_t maps_cap = static_cast<size_t>(count_map_lines()) * 2 + 256;
   const size_t names_cap = 64 * 1024;
   const int threads = qm::count_other_threads();
-  if (!qm::reserve_stop_slots(threads * 2 + 16)) return -1;
+  if (!qm::reserve_stop_slots(threads * 2 + 16)) return -3;
   const size_t len = QM_pagesize_ceil(arena_size(n, nreleased, nagent, maps_cap, names_cap) +
                                       (static_cast<size_t>(threads) * 2 + 32) * sizeof(Range));
   Arena a = {static_cast<char*>(QM_mmap_anon(len)), len, 0};
-  if (a.base == nullptr) return -1;
+  if (a.base == nullptr) return -3;
   add_own(reinterpret_cast<uptr>(a.base), reinterpret_cast<uptr>(a.base) + len);
   s.blocks = a.take<Block>(n);
   s.bt = a.take<int>(n);
@@ -729,6 +764,8 @@ QM_NOINLINE int scan_locked(Scan& s, QM_HEAP_reach_summary_t* out, long long t0)
   s.maps_cap = maps_cap;
   s.readable = a.take<Range>(maps_cap);
   s.names = a.take<char>(names_cap);
+  s.image_inodes = a.take<unsigned long long>(maps_cap);
+  s.images_cap = maps_cap;
   s.extra_cap = static_cast<size_t>(threads) * 2 + 16;
   s.extra = a.take<Range>(s.extra_cap);
   s.names_cap = names_cap;
@@ -768,7 +805,7 @@ QM_NOINLINE int scan_locked(Scan& s, QM_HEAP_reach_summary_t* out, long long t0)
   if (s.pages == nullptr) {
     drop_own(reinterpret_cast<uptr>(a.base));
     QM_munmap(a.base, a.len);
-    return -1;
+    return -3;
   }
   add_own(reinterpret_cast<uptr>(s.pages), reinterpret_cast<uptr>(s.pages) + index_len);
   s.agent[s.nagent++] = Range{reinterpret_cast<uptr>(s.pages), reinterpret_cast<uptr>(s.pages) + index_len};
@@ -781,7 +818,11 @@ QM_NOINLINE int scan_locked(Scan& s, QM_HEAP_reach_summary_t* out, long long t0)
 
   // Marking sees memory no thread changes.
   qm::stop_world(&s.world, kStopTimeoutMs);
-  s.read_maps();
+  if (!s.read_maps() || (!s.world.listed && QM_thread_is_multi_threaded())) {
+    qm::resume_world(&s.world);
+    release_scan(s);
+    return -2;
+  }
   s.exclude_dead_frames(s.self_sp);
   for (int t = 0; t < s.world.count; ++t)
     if (s.world.threads[t].state == qm::kStopped) s.exclude_dead_frames(s.world.threads[t].sp);
@@ -802,6 +843,7 @@ QM_NOINLINE int scan_locked(Scan& s, QM_HEAP_reach_summary_t* out, long long t0)
     r.bytes[k] += s.blocks[i].end - s.blocks[i].addr;
     if (k != reach_reachable) ++kept;
   }
+  r.table_changes = QM_HEAP_allocation_table_changes;
   r.threads_stopped = s.world.num_stopped;
   r.threads_not_stopped = s.world.num_not_stopped;
   r.sequence = ++scan_sequence;
@@ -876,7 +918,7 @@ void release_scan(Scan& s) {
 // from inside something that holds it).
 void run_pending() {
   if (!__atomic_exchange_n(&scan_pending, 0, __ATOMIC_ACQ_REL)) return;
-  if (QM_HEAP_reach_scan(1, 1, nullptr) != 0) __atomic_store_n(&scan_pending, 1, __ATOMIC_RELEASE);
+  if (QM_HEAP_reach_scan(1, reach_lock_try_once, nullptr) == -1) __atomic_store_n(&scan_pending, 1, __ATOMIC_RELEASE);
 }
 
 void scan_catcher(int sig, siginfo_t*, void*, int* handled) {
@@ -886,7 +928,7 @@ void scan_catcher(int sig, siginfo_t*, void*, int* handled) {
     __atomic_store_n(&scan_pending, 1, __ATOMIC_RELEASE);
     return;
   }
-  if (QM_HEAP_reach_scan(1, 1, nullptr) != 0) __atomic_store_n(&scan_pending, 1, __ATOMIC_RELEASE);
+  if (QM_HEAP_reach_scan(1, reach_lock_try_once, nullptr) == -1) __atomic_store_n(&scan_pending, 1, __ATOMIC_RELEASE);
 }
 
 }  // namespace
@@ -902,6 +944,7 @@ int QM_HEAP_reach_get_scan_on_exit() { return scan_on_exit; }
 int QM_HEAP_reach_set_scan_on_exit(int v) {
   const int old = scan_on_exit;
   scan_on_exit = v != 0;
+  if (scan_on_exit) qm::keep_proc_open();
   return old;
 }
 int QM_HEAP_reach_get_scan_signal() { return scan_signal; }
@@ -925,11 +968,12 @@ int QM_HEAP_reach_set_scan_signal(int signo) {
     }
     scan_signal = signo;
     QM_leave_ia_hook = run_pending;
+    qm::keep_proc_open();
   }
   return old;
 }
 
-int QM_HEAP_reach_scan(int report, int try_only, QM_HEAP_reach_summary_t* out) {
+int QM_HEAP_reach_scan(int report, int lock, QM_HEAP_reach_summary_t* out) {
   // The callers' registers go to this frame, and everything above the
   // stack pointer here is the caller's: the scan's own frames are below.
   // Its state is not on the stack (it holds block addresses).
@@ -941,11 +985,14 @@ int QM_HEAP_reach_scan(int report, int try_only, QM_HEAP_reach_summary_t* out) {
   __asm__ volatile("mov %%esp, %0" : "=r"(sp));
 #endif
   const long long t0 = now_us();
-  if (try_only ? qm::mutex_trylock(&scan_mutex) != 0 : qm::mutex_lock(&scan_mutex) != 0) return -1;
+  if (lock != reach_lock_wait ? qm::mutex_trylock(&scan_mutex) != 0 : qm::mutex_lock(&scan_mutex) != 0) return -1;
   Scan& s = the_scan;
   s = Scan{};
-  if (!lock_table(try_only)) {
+  if (!lock_table(lock)) {
     qm::mutex_unlock(&scan_mutex);
+    if (report && lock != reach_lock_try_once)
+      QM_HEAP_printf("reachability : the scan could not run (the heap tables are in use by a thread that does not "
+                     "let go)\n");
     return -1;
   }
   s.self_sp = sp;
@@ -962,8 +1009,11 @@ int QM_HEAP_reach_scan(int report, int try_only, QM_HEAP_reach_summary_t* out) {
   }
   QM_thread_restore_cancelstate(cancel);
   qm::mutex_unlock(&scan_mutex);
-  if (r != 0 && report) QM_HEAP_printf("reachability : the scan could not run (no memory for its tables)\n");
-  return r;
+  if (r == -3 && report) QM_HEAP_printf("reachability : the scan could not run (no memory for its tables)\n");
+  if (r == -2 && report)
+    QM_HEAP_printf("reachability : the scan could not run (/proc/self cannot be read: the process's memory and "
+                   "threads cannot be searched)\n");
+  return r == 0 ? 0 : -2;
 }
 
 const QM_HEAP_reach_summary_t* QM_HEAP_reach_last_result(const QM_HEAP_reach_block_t** blocks, size_t* count) {
@@ -976,10 +1026,13 @@ const QM_HEAP_reach_summary_t* QM_HEAP_reach_last_result(const QM_HEAP_reach_blo
 // Fork waits for a scan in progress; the child starts with none.
 void QM_HEAP_reach_atfork_prepare() { qm::mutex_lock(&scan_mutex); }
 void QM_HEAP_reach_atfork_parent() { qm::mutex_unlock(&scan_mutex); }
-void QM_HEAP_reach_atfork_child() { qm::mutex_unlock(&scan_mutex); }
+void QM_HEAP_reach_atfork_child() {
+  have_result = false;  // the parent's, not of this process
+  qm::mutex_unlock(&scan_mutex);
+}
 
 void QM_HEAP_reach_at_exit() {
-  if (scan_on_exit) QM_HEAP_reach_scan(1, 0, nullptr);
+  if (scan_on_exit) QM_HEAP_reach_scan(1, reach_lock_wait, nullptr);
 }
 
 }  // extern "C"

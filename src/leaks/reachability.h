@@ -48,6 +48,7 @@ typedef struct QM_HEAP_reach_summary_t {
   int threads_not_stopped;
   long microseconds;
   int sequence;  // the scans made so far, this one included
+  unsigned long table_changes;  // the allocation table's count of changes at the scan
 } QM_HEAP_reach_summary_t;
 
 // The names the console and the snapshot file give the kinds.
@@ -60,10 +61,17 @@ int QM_HEAP_reach_get_scan_signal();
 // for a signal that cannot be used (said on the console).
 int QM_HEAP_reach_set_scan_signal(int signo);
 
-// Scans now; with report, prints the result on the console. try_only: the
-// table lock is only tried for a while (for a debugger's call, or a signal
-// that arrived inside the agent). 0, or -1 when the scan could not run.
-int QM_HEAP_reach_scan(int report, int try_only, QM_HEAP_reach_summary_t* out);
+// How a scan takes the allocation table's lock.
+typedef enum QM_HEAP_reach_lock_e {
+  reach_lock_wait = 0,        // waits for it (at exit)
+  reach_lock_try_a_while = 1, // tries for a while (a debugger's call, a signal)
+  reach_lock_try_once = 2     // tries once (a deferred scan, retried at every exit from the agent)
+} QM_HEAP_reach_lock_e;
+
+// Scans now; with report, prints the result on the console (and why there
+// is none). 0; -1 when the locks could not be taken as asked; -2 when the
+// scan could not run (no memory, no /proc).
+int QM_HEAP_reach_scan(int report, int lock, QM_HEAP_reach_summary_t* out);
 
 // The last scan's result; the caller holds the allocation-table lock. Null
 // when no scan has been made.

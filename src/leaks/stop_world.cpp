@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <ucontext.h>
@@ -72,11 +73,36 @@ struct Dirent {
   char name[1];
 };
 
-// Calls f(tid) for every thread of the process, as /proc lists them now.
+// A /proc file or directory of this process, opened now or (after a chroot,
+// say) from the descriptor kept when scans were asked for; -1 for none.
+constinit int kept_fds[2] = {-1, -1};
+constinit unsigned long long kept_inodes[2] = {0, 0};
+constinit pid_t kept_pid = 0;
+
+// The inode a descriptor names now (0 for none): a kept descriptor the
+// program has closed, or whose number now names another file, is not used.
+unsigned long long inode_of(int fd) {
+  struct statx st;
+  return syscall(SYS_statx, fd, "", AT_EMPTY_PATH, STATX_INO, &st) == 0 ? st.stx_ino : 0;
+}
+constexpr const char* kKept[2] = {"/proc/self/task", "/proc/self/maps"};
+
+int open_proc(int which) {
+  const int flags = O_RDONLY | O_CLOEXEC | (which == 0 ? O_DIRECTORY : 0);
+  int fd = static_cast<int>(syscall(SYS_open, kKept[which], flags));
+  if (fd >= 0 || kept_fds[which] < 0 || kept_pid != getpid()) return fd;
+  if (inode_of(kept_fds[which]) != kept_inodes[which]) return -1;
+  fd = static_cast<int>(syscall(SYS_dup, kept_fds[which]));
+  if (fd >= 0) syscall(SYS_lseek, fd, 0L, SEEK_SET);
+  return fd;
+}
+
+// Calls f(tid) for every thread of the process, as /proc lists them now;
+// false when they cannot be listed.
 template <typename F>
-void for_each_task(F f) {
-  const int fd = static_cast<int>(syscall(SYS_open, "/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (fd < 0) return;
+bool for_each_task(F f) {
+  const int fd = open_proc(0);
+  if (fd < 0) return false;
   alignas(8) char buf[4096];
   for (;;) {
     const long n = syscall(SYS_getdents64, fd, buf, sizeof buf);
@@ -91,6 +117,7 @@ void for_each_task(F f) {
     }
   }
   syscall(SYS_close, fd);
+  return true;
 }
 
 // Whether the thread blocks the stop signal (or, as an emulator's own
@@ -134,11 +161,26 @@ bool claim_signal() {
   hia_sigaction_t act = {};
   act.catcher = catcher;
   act.options = sm_option_set;
+  // Nothing else runs in a stopped thread, not a handler of the program's.
+  __builtin_memset(&act.sa_mask, 0xff, sizeof act.sa_mask);
   claimed = QM_HEAP_sm_sigaction(kStopSignal, &act, nullptr) == 0;
   return claimed;
 }
 
 }  // namespace
+
+void keep_proc_open() {
+  const pid_t pid = getpid();
+  if (kept_pid == pid) return;
+  for (int i = 0; i < 2; ++i) {
+    if (kept_fds[i] >= 0) syscall(SYS_close, kept_fds[i]);
+    kept_fds[i] = static_cast<int>(syscall(SYS_open, kKept[i], O_RDONLY | O_CLOEXEC | (i == 0 ? O_DIRECTORY : 0)));
+    kept_inodes[i] = kept_fds[i] >= 0 ? inode_of(kept_fds[i]) : 0;
+  }
+  kept_pid = pid;
+}
+
+int open_proc_maps() { return open_proc(1); }
 
 int count_other_threads() {
   int n = 0;
@@ -166,7 +208,7 @@ void stop_slots_range(uintptr_t* start, uintptr_t* end) {
 }
 
 void stop_world(StoppedWorld* w, int timeout_ms) {
-  *w = StoppedWorld{slots, 0, 0, 0, 0};
+  *w = StoppedWorld{slots, 0, 0, 0, 0, true};
   if (slots == nullptr || !claim_signal()) return;
   const int epoch = __atomic_add_fetch(&stop_epoch, 1, __ATOMIC_ACQ_REL);
   w->epoch = epoch;
@@ -179,7 +221,7 @@ void stop_world(StoppedWorld* w, int timeout_ms) {
   // listing finds none that is not asked already.
   for (int round = 0; round < 64; ++round) {
     int added = 0;
-    for_each_task([&](pid_t tid) {
+    w->listed = for_each_task([&](pid_t tid) {
       if (tid == self) return;
       for (int i = 0; i < w->count; ++i)
         if (slots[i].tid == tid) return;
@@ -196,11 +238,8 @@ void stop_world(StoppedWorld* w, int timeout_ms) {
       ++w->count;
       __atomic_store_n(&num_slots, w->count, __ATOMIC_RELEASE);
       ++added;
-      if (blocks_stop_signal(tid))
-        t.state = kNotStopped;
-      else if (syscall(SYS_tgkill, pid, tid, kStopSignal) != 0)
-        t.state = kGone;
-    });
+      if (syscall(SYS_tgkill, pid, tid, kStopSignal) != 0) t.state = kGone;
+    }) && w->listed;
     if (added == 0 || overflow > 0) break;
     for (int spins = 0;; ++spins) {
       bool waiting = false;
@@ -212,6 +251,16 @@ void stop_world(StoppedWorld* w, int timeout_ms) {
         continue;
       }
       nap_us(500);
+      // A thread that still blocks the signal after a while (glibc blocks
+      // every signal for a moment while it makes a thread) will not answer;
+      // an emulator's own threads never do.
+      if (spins == 200)
+        for (int i = 0; i < w->count; ++i) {
+          int asked = kAsked;
+          if (slots[i].state == kAsked && blocks_stop_signal(slots[i].tid))
+            __atomic_compare_exchange_n(&slots[i].state, &asked, static_cast<int>(kNotStopped), false,
+                                        __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+        }
       // A thread asked may have ended before its handler ran.
       if (spins % 20 == 0) {
         for (int i = 0; i < w->count; ++i) slots[i].seen = 0;

@@ -39,7 +39,14 @@ struct StoppedWorld {
   int num_stopped;
   int num_not_stopped;
   int epoch;
+  bool listed;  // the threads could be listed
 };
+
+// Keeps /proc/self/task and /proc/self/maps open for later scans (a process
+// that changes its root later can still be searched).
+void keep_proc_open();
+// /proc/self/maps, opened (or the kept descriptor again); -1 for neither.
+int open_proc_maps();
 
 // The threads of the process other than the caller, now (an estimate for
 // sizing: threads come and go).

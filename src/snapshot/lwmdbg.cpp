@@ -139,9 +139,12 @@ void write_reachability(Writer& w) {
     w.comment("============ start of extension section: reachability");
     w.comment("--- start of reachability summary");
     const int summary_line = w.lineno;
-    w.put("%d%s%lu%s%lu%s%lu%s%lu%s%lu%s%lu%s%lu%s%lu%s%d%s%d%s%ld\n", r->sequence, S, r->blocks[0], S, r->bytes[0], S,
-          r->blocks[1], S, r->bytes[1], S, r->blocks[2], S, r->bytes[2], S, r->blocks[3], S, r->bytes[3], S,
-          r->threads_stopped, S, r->threads_not_stopped, S, r->microseconds);
+    // The last field: 1 while the blocks are those the scan saw, 0 once
+    // the table has changed since.
+    w.put("%d%s%lu%s%lu%s%lu%s%lu%s%lu%s%lu%s%lu%s%lu%s%d%s%d%s%ld%s%d\n", r->sequence, S, r->blocks[0], S, r->bytes[0],
+          S, r->blocks[1], S, r->bytes[1], S, r->blocks[2], S, r->bytes[2], S, r->blocks[3], S, r->bytes[3], S,
+          r->threads_stopped, S, r->threads_not_stopped, S, r->microseconds, S,
+          r->table_changes == QM_HEAP_allocation_table_changes ? 1 : 0);
     w.comment("--- end of reachability summary");
     w.comment("--- start of reachability blocks");
     const int blocks_line = w.lineno;

@@ -73,6 +73,16 @@ class KnownLeaks(unittest.TestCase):
         self.check_known(r)
         self.assertRegex(r.stderr, r"scan 1: 0 other threads stopped, [12] not stopped")
 
+    def test_shared_read_only_and_alternate_stack_memory_are_roots(self):
+        for mode, settings in (("memory", ""), ("altstack", " reachability_scan_signal=10")):
+            r = run([target("roots"), mode], env=dict(SCAN, QMHEAP_ARGS=SCAN["QMHEAP_ARGS"] + settings))
+            self.assertEqual((r.returncode, r.stdout), (0, "roots: %s done\n" % mode), r.stderr)
+            assert_no_events(r.stderr)
+            found = scans(r.stderr)
+            self.assertEqual(len(found), 2 if settings else 1, r.stderr)
+            for f in found:
+                self.assertEqual((f["definite"], f["indirect"]), ((0, 0), (0, 0)), r.stderr)
+
     def test_the_control_function_scans_on_request(self):
         r = run([target("leaks"), "api"], env=dict(SCAN, QMHEAP_ARGS="verbosity=2"))
         self.assertEqual(r.returncode, 0, r.stderr)

@@ -240,20 +240,23 @@ Snapshot read_snapshot(const std::string& path, void (*progress)(const std::stri
   });
   each(kReachSummary, [&](const auto& f) {
     Reachability& r = s.reachability;
-    if (f.size() != 12 || !integer(f[0], &r.sequence)) return false;
+    if (f.size() != 13 || !integer(f[0], &r.sequence)) return false;
     for (int k = 0; k < 4; ++k)
       if (!number(f[1 + 2 * k], &r.blocks[k], 10) || !number(f[2 + 2 * k], &r.bytes[k], 10)) return false;
     uint64_t us;
     if (!integer(f[9], &r.threads_stopped) || !integer(f[10], &r.threads_not_stopped) || !number(f[11], &us, 10))
       return false;
     r.microseconds = static_cast<long>(us);
-    s.has_reachability = true;
+    if (f[12] == "1")
+      s.has_reachability = true;
+    else
+      s.problems.push_back("holds a reachability scan made before the heap changed: its kinds are not used");
     return true;
   });
   each(kReachBlocks, [&](const auto& f) {
     uint64_t addr;
     if (f.size() != 5 || !number(f[0], &addr, 16)) return false;
-    s.reachability.kinds[addr] = f[2];
+    if (s.has_reachability) s.reachability.kinds[addr] = f[2];
     return true;
   });
   return s;

@@ -1,7 +1,6 @@
 #include "leaks/reachability.h"
 
 #include <elf.h>
-#include <sys/stat.h>
 #include <fcntl.h>
 #include <link.h>
 #include <signal.h>
@@ -55,6 +54,7 @@ struct MapLine {
   unsigned flags;
   int name;  // offset of its image's name in the name pool, else -1
   bool heap, stack, anon;
+  unsigned long long inode;
 };
 
 // Settings.
@@ -405,18 +405,27 @@ struct Scan {
   }
 
   // Reads the mappings: which lines are roots, and the readable ranges.
-  // The inodes of the loaded images (from the dynamic linker's list: the
-  // files' own first bytes are not read, a mapped file may have shrunk).
-  void collect_images() {
+  // The loaded images, from the dynamic linker's list: each one's dynamic
+  // section lies in its data, whose mapping names its file's inode (the
+  // files' own first bytes are never read: a mapped file may have shrunk).
+  void mark_images() {
     nimages = 0;
-    auto add = [&](const char* path) {
-      struct statx st;
-      if (nimages < images_cap && syscall(SYS_statx, AT_FDCWD, path, 0, STATX_INO, &st) == 0)
-        image_inodes[nimages++] = st.stx_ino;
-    };
-    add("/proc/self/exe");
-    for (const struct link_map* l = _r_debug.r_map; l != nullptr; l = l->l_next)
-      if (l->l_name != nullptr && l->l_name[0] == '/') add(l->l_name);
+    for (const struct link_map* l = _r_debug.r_map; l != nullptr; l = l->l_next) {
+      const uptr ld = reinterpret_cast<uptr>(l->l_ld);
+      for (size_t i = 0; i < nmaps && nimages < images_cap; ++i)
+        if (maps[i].start <= ld && ld < maps[i].end && maps[i].inode != 0 && !maps[i].anon)
+          image_inodes[nimages++] = maps[i].inode;
+    }
+    for (size_t i = 0; i < nmaps; ++i) {
+      MapLine& l = maps[i];
+      if (l.anon || l.inode == 0 || !is_image(l.inode)) {
+        if (!l.anon) l.name = -1;
+        continue;
+      }
+      // A file's pages are read only when they are an image's data (a file
+      // that has shrunk faults past its end; a device may fault anywhere).
+      if ((l.flags & (kRead | kWrite | kPrivate)) == (kRead | kWrite | kPrivate)) l.flags |= kRoot;
+    }
   }
 
   bool is_image(unsigned long long inode) const {
@@ -431,7 +440,6 @@ struct Scan {
     MapsReader m;
     nmaps = 0;
     if (!m.open()) return false;
-    collect_images();
     char buf[768];
     while (nmaps < maps_cap && m.line(buf, sizeof buf)) {
       const char* p = buf;
@@ -462,14 +470,12 @@ struct Scan {
       // table made read-only once filled), huge pages, System V segments.
       l.anon = name[0] == '\0' || l.heap || l.stack || starts(name, "[anon") || starts(name, "/dev/zero") ||
                starts(name, "/anon_hugepage") || starts(name, "/SYSV");
-      const bool image = name[0] == '/' && !l.anon && is_image(inode);
-      if (image) l.name = keep_name(name);
-      // A file's pages are read only when they are an image's data (a file
-      // that has shrunk faults past its end; a device may fault anywhere).
-      const bool root = (l.flags & kRead) && (l.anon || (image && (l.flags & kWrite) && (l.flags & kPrivate)));
-      if (root) l.flags |= kRoot;
+      l.inode = inode;
+      if (name[0] == '/' && !l.anon) l.name = keep_name(name);
+      if ((l.flags & kRead) && l.anon) l.flags |= kRoot;
       ++nmaps;
     }
+    mark_images();
     m.close();
     // Released ranges are left out of the roots only inside the brk heap:
     // memory the allocator mapped for a block is unmapped at its release,
@@ -743,7 +749,7 @@ QM_NOINLINE int scan_locked(Scan& s, QM_HEAP_reach_summary_t* out, long long t0)
   const size_t nreleased = static_cast<size_t>(QM_HEAP_get_num_records_in_deallocation_table());
   const size_t nagent = static_cast<size_t>(QM_memory_manager_table.num_regions) + 16;
   const size_t maps_cap = static_cast<size_t>(count_map_lines()) * 2 + 256;
-  const size_t names_cap = 64 * 1024;
+  const size_t names_cap = 256 * 1024;
   const int threads = qm::count_other_threads();
   if (!qm::reserve_stop_slots(threads * 2 + 16)) return -3;
   const size_t len = QM_pagesize_ceil(arena_size(n, nreleased, nagent, maps_cap, names_cap) +

@@ -728,6 +728,9 @@ void print_summary(const QM_HEAP_reach_summary_t& r) {
       r.bytes[reach_indirectly_lost]);
   QM_HEAP_printf("reachability : scan %d: %d other threads stopped, %d not stopped, %ld.%03ld s\n", r.sequence,
                  r.threads_stopped, r.threads_not_stopped, r.microseconds / 1000000, r.microseconds / 1000 % 1000);
+  if (r.threads_not_stopped > 0)
+    QM_HEAP_printf("reachability : the threads not stopped block the stop signal: what only their registers hold, or "
+                   "what they change meanwhile, may show as lost\n");
 }
 
 // --- the scan's steps -----------------------------------------------------------------

@@ -926,7 +926,9 @@ void release_scan(Scan& s) {
 // the thread leaves it (the table lock only tried: the thread may be leaving
 // from inside something that holds it).
 void run_pending() {
-  if (!__atomic_exchange_n(&scan_pending, 0, __ATOMIC_ACQ_REL)) return;
+  // Read before written: every thread passes here on every heap call.
+  if (!__atomic_load_n(&scan_pending, __ATOMIC_RELAXED) || !__atomic_exchange_n(&scan_pending, 0, __ATOMIC_ACQ_REL))
+    return;
   if (QM_HEAP_reach_scan(1, reach_lock_try_once, nullptr) == -1) __atomic_store_n(&scan_pending, 1, __ATOMIC_RELEASE);
 }
 

@@ -54,6 +54,9 @@ under --red-zones --rz-detect-use-after-free=true -- "$demo" readfreed
 say "blocks left allocated at exit"
 under --leaks -- "$demo" leak
 
+say "the same run, its memory searched for pointers at exit: which of those blocks nothing reaches any more"
+under --leak-check -- "$demo" leak
+
 say "a snapshot written at the error, then read: the error's stacks and the blocks still allocated, every frame named"
 snapdir=$(mktemp -d)
 under --snapshot-on-error --lwmdbg-pathname="$snapdir/heapdemo-%6q.lwmdbg" -- "$demo" double 2>/dev/null

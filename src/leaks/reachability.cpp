@@ -17,6 +17,7 @@
 #include "heap/heap_tables.h"
 #include "leaks/stop_world.h"
 #include "redzone/signals.h"
+#include "snapshot/snapshot.h"
 #include "threads/reentrancy.h"
 #include "threads/thread_utils.h"
 
@@ -102,12 +103,6 @@ void heap_sort(T* a, size_t n, Less less) {
   }
 }
 
-long long now_us() {
-  struct timespec ts = {};
-  syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
-
 // The agent's image, from its program headers.
 Range own_image() {
   const ElfW(Ehdr)* eh = &__ehdr_start;
@@ -162,19 +157,6 @@ int count_map_lines() {
   while (m.line(buf, sizeof buf)) ++n;
   m.close();
   return n;
-}
-
-uptr hex(const char*& p) {
-  uptr v = 0;
-  for (;; ++p) {
-    const char c = *p;
-    if (c >= '0' && c <= '9')
-      v = v << 4 | static_cast<uptr>(c - '0');
-    else if (c >= 'a' && c <= 'f')
-      v = v << 4 | static_cast<uptr>(c - 'a' + 10);
-    else
-      return v;
-  }
 }
 
 bool starts(const char* s, const char* prefix) {
@@ -308,20 +290,26 @@ struct Scan {
     }
   }
 
-  // The readable part of [a, b) that starts first, within the mappings; false
-  // when none.
-  bool readable_part(uptr a, uptr b, uptr* ra, uptr* rb) const {
-    size_t l = 0, h = nreadable;  // first range ending after a
+  // The first range of a sorted list that ends after at, or null.
+  static const Range* next_of(const Range* list, size_t count, uptr at) {
+    size_t l = 0, h = count;
     while (l < h) {
       const size_t m = (l + h) / 2;
-      if (readable[m].end <= a)
+      if (list[m].end <= at)
         l = m + 1;
       else
         h = m;
     }
-    if (l == nreadable || readable[l].start >= b) return false;
-    *ra = readable[l].start > a ? readable[l].start : a;
-    *rb = readable[l].end < b ? readable[l].end : b;
+    return l < count ? &list[l] : nullptr;
+  }
+
+  // The readable part of [a, b) that starts first, within the mappings; false
+  // when none.
+  bool readable_part(uptr a, uptr b, uptr* ra, uptr* rb) const {
+    const Range* r = next_of(readable, nreadable, a);
+    if (r == nullptr || r->start >= b) return false;
+    *ra = r->start > a ? r->start : a;
+    *rb = r->end < b ? r->end : b;
     return true;
   }
 
@@ -342,19 +330,6 @@ struct Scan {
       const bool starts_chain = state[i] == kReached;
       for_each_word(blocks[i].addr, blocks[i].end, [&](uptr v) { mark(v, starts_chain); });
     }
-  }
-
-  // The first range of a sorted list that ends after at, or null.
-  static const Range* next_of(const Range* list, size_t count, uptr at) {
-    size_t l = 0, h = count;
-    while (l < h) {
-      const size_t m = (l + h) / 2;
-      if (list[m].end <= at)
-        l = m + 1;
-      else
-        h = m;
-    }
-    return l < count ? &list[l] : nullptr;
   }
 
   // The first excluded range that ends after at: a live block, a released
@@ -444,9 +419,9 @@ struct Scan {
     while (nmaps < maps_cap && m.line(buf, sizeof buf)) {
       const char* p = buf;
       MapLine& l = maps[nmaps];
-      l.start = hex(p);
+      l.start = qm::parse_hex(p);
       if (*p++ != '-') continue;
-      l.end = hex(p);
+      l.end = qm::parse_hex(p);
       while (*p == ' ') ++p;
       l.flags = 0;
       if (p[0] == 'r') l.flags |= kRead;
@@ -455,7 +430,7 @@ struct Scan {
       if (p[3] == 'p') l.flags |= kPrivate;
       p += 4;
       while (*p == ' ') ++p;
-      l.offset = hex(p);
+      l.offset = qm::parse_hex(p);
       while (*p == ' ') ++p;
       while (*p != ' ' && *p != '\0') ++p;  // device
       while (*p == ' ') ++p;
@@ -879,7 +854,7 @@ QM_NOINLINE int scan_locked(Scan& s, QM_HEAP_reach_summary_t* out, long long t0)
       b.leader = reinterpret_cast<void*>(s.blocks[s.state[i] == kIndirect ? s.leader[i] : i].addr);
     }
   }
-  r.microseconds = static_cast<long>(now_us() - t0);
+  r.microseconds = static_cast<long>(qm::monotonic_us() - t0);
   last_summary = r;
   have_result = true;
   *out = r;
@@ -995,7 +970,7 @@ int QM_HEAP_reach_scan(int report, int lock, QM_HEAP_reach_summary_t* out) {
 #else
   __asm__ volatile("mov %%esp, %0" : "=r"(sp));
 #endif
-  const long long t0 = now_us();
+  const long long t0 = qm::monotonic_us();
   if (lock != reach_lock_wait ? qm::mutex_trylock(&scan_mutex) != 0 : qm::mutex_lock(&scan_mutex) != 0) return -1;
   Scan& s = the_scan;
   s = Scan{};

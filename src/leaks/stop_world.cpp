@@ -27,12 +27,6 @@ constinit bool claimed = false;
 
 pid_t gettid_raw() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 
-long long now_ms() {
-  struct timespec ts = {};
-  syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 void nap_us(long us) {
   struct timespec ts = {0, us * 1000};
   syscall(SYS_nanosleep, &ts, nullptr);
@@ -182,6 +176,12 @@ void keep_proc_open() {
 
 int open_proc_maps() { return open_proc(1); }
 
+long long monotonic_us() {
+  struct timespec ts = {};
+  syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
 int count_other_threads() {
   int n = 0;
   for_each_task([&](pid_t) { ++n; });
@@ -215,7 +215,7 @@ void stop_world(StoppedWorld* w, int timeout_ms) {
   __atomic_store_n(&num_slots, 0, __ATOMIC_RELEASE);
   const pid_t self = gettid_raw();
   const pid_t pid = getpid();
-  const long long deadline = now_ms() + timeout_ms;
+  const long long deadline = monotonic_us() / 1000 + timeout_ms;
   int overflow = 0;
   // New threads may be made by threads not yet stopped: list again until a
   // listing finds none that is not asked already.
@@ -245,7 +245,7 @@ void stop_world(StoppedWorld* w, int timeout_ms) {
       bool waiting = false;
       for (int i = 0; i < w->count; ++i)
         if (__atomic_load_n(&slots[i].state, __ATOMIC_ACQUIRE) == kAsked) waiting = true;
-      if (!waiting || now_ms() >= deadline) break;
+      if (!waiting || monotonic_us() / 1000 >= deadline) break;
       if (spins < 100) {
         syscall(SYS_sched_yield);
         continue;
@@ -276,7 +276,7 @@ void stop_world(StoppedWorld* w, int timeout_ms) {
         }
       }
     }
-    if (now_ms() >= deadline) break;
+    if (monotonic_us() / 1000 >= deadline) break;
   }
   for (int i = 0; i < w->count; ++i) {
     const int s = __atomic_load_n(&slots[i].state, __ATOMIC_ACQUIRE);

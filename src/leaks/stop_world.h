@@ -48,6 +48,9 @@ void keep_proc_open();
 // /proc/self/maps, opened (or the kept descriptor again); -1 for neither.
 int open_proc_maps();
 
+// Microseconds of the monotonic clock (a raw system call).
+long long monotonic_us();
+
 // The threads of the process other than the caller, now (an estimate for
 // sizing: threads come and go).
 int count_other_threads();
